@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "dhcp/DhcpOptions.h"
 #include "rt/Pkt.h"
 #include "rt/Types.h"
 
@@ -57,9 +58,10 @@ struct DhcpAnswerFields {
    IpAddr ciaddr;
    EthAddr chaddr;
    IpAddr giaddr;
-   std::optional<uint32_t> leaseTime;          // option 51, seconds
-   std::optional<uint32_t> lastTransaction;    // option 91, seconds ago
-   std::optional<std::vector<IpAddr>> assoc;   // option 92
+   std::optional<uint32_t> leaseTime;         // option 51, seconds
+   std::optional<uint32_t> lastTransaction;   // option 91, seconds ago
+   std::optional<std::vector<IpAddr>> assoc;  // option 92 (an empty list is left out too)
+   std::optional<IpAddr> serverId;            // option 54
 };
 Rt::Ptr<Rt::Pkt> buildDhcpAnswer(const DhcpAnswerFields& fields);
 
@@ -73,10 +75,17 @@ Rt::Ptr<Rt::Pkt> buildEthIpv4Frame(EthAddr srcMac, IpAddr srcIp, EthAddr dstMac,
 class PacketParser {
  public:
    // A DHCP message (the UDP payload). Strict on the fixed header (BOOTP
-   // length, hlen <= 16) and the magic cookie; tolerant of unknown options;
-   // honours option overload (52) and concatenates split options (RFC 3396).
+   // length, op 1 or 2, hlen <= 16) and the magic cookie; tolerant of unknown
+   // options; honours option overload (52) and concatenates split options
+   // (RFC 3396). A known option (Dhcp::optionTable) whose concatenated length
+   // its definition refuses fails the whole message, as does an option
+   // running past its field; a missing end option is accepted at the end of
+   // a field. Repeating a single-valued option (two 53s) concatenates to a
+   // bad length, so fails too.
    bool doParse(std::span<const uint8_t> bytes);
-   bool doParse(const Rt::Ptr<Rt::Pkt>& pkt) { return pkt && doParse(pkt->span()); }
+   bool doParse(const Rt::Ptr<Rt::Pkt>& pkt) {
+      return doParse(pkt ? pkt->span() : std::span<const uint8_t>());
+   }
 
    uint8_t op() const { return op_; }
    uint8_t htype() const { return htype_; }
@@ -96,6 +105,11 @@ class PacketParser {
    bool hasAssociatedIp() const { return hasAssociatedIp_; }
    // Option 55, in packet order; empty when absent.
    const std::vector<uint8_t>& parameterRequestList() const { return parameterRequestList_; }
+   std::optional<IpAddr> serverId() const { return options_.ipv4(Dhcp::Opt::serverId); }
+   // Every option of the message, known or not, after concatenation.
+   const Dhcp::OptionSet& options() const { return options_; }
+   // Why the last parse of either kind failed, for traces; empty after success.
+   std::string_view error() const { return error_; }
 
    // An Ethernet frame carrying IPv4, untagged or with one or two 802.1Q /
    // 802.1ad tags. `intf` and `strict` are the caller's context; with strict
@@ -112,6 +126,11 @@ class PacketParser {
    IntfId intf() const { return intf_; }
 
  private:
+   // Each kind of parse clears only its own results, so a frame and the
+   // DHCP message it carries can be read with one parser.
+   void resetDhcp();
+   void resetIp();
+
    uint8_t op_ = 0, htype_ = 0, hlen_ = 0;
    uint32_t xid_ = 0;
    IpAddr ciaddr_, yiaddr_, giaddr_;
@@ -121,6 +140,8 @@ class PacketParser {
    std::vector<IpAddr> associatedIp_;
    bool hasAssociatedIp_ = false;
    std::vector<uint8_t> parameterRequestList_;
+   Dhcp::OptionSet options_;
+   std::string_view error_;
 
    EthAddr srcMac_, dstMac_;
    IpAddr srcIp_, dstIp_;
