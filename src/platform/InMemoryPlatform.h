@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 
+#include "platform/PacketAccess.h"
 #include "platform/Platform.h"
 #include "platform/Services.h"
 #include "platform/UdpPam.h"
@@ -71,6 +72,24 @@ class InMemoryPlatform : public AgentFrame, public Services {
    // ---- Services
    Ptr<UdpPam> udpPamIs(const std::string& name) override;
    Ptr<FakeUdpPam> udpPam(const std::string& name) const;
+   Ptr<Rt::TaskScheduler> taskScheduler() override { return scheduler_; }
+   Ptr<DeviceIntfStatusDir> deviceIntfStatusDirIs(const std::string& name) override;
+   Ptr<PamDesiredIntfDir> pamDesiredIntfDirIs(const std::string& name) override;
+   Ptr<EthDevPamCollection> ethDevPamCollectionIs(const std::string& name) override;
+   Ptr<EthDevPamManager> ethDevPamManagerIs(Ptr<const PamDesiredIntfDir> desired,
+                                            Ptr<EthDevPamCollection> collection,
+                                            Ptr<const DeviceIntfStatusDir> devices) override;
+   Ptr<IntfStatusManager> intfStatusManagerIs(Ptr<const AllIntfStatusDir> all,
+                                              Ptr<const AllIntfStatusLocalDir> local,
+                                              Ptr<DeviceIntfStatusDir> devices,
+                                              Ptr<const KernelNetStatus> kernel) override;
+   // The running agent's packet access, for tests and the simulator; empty
+   // before the agent asked for it.
+   Ptr<PamDesiredIntfDir> pamDesiredIntfDir() const;
+   Ptr<FakePam> pam(IntfId intf) const;
+   Ptr<FakeEthDevPamManager> ethDevPamManager() const { return pamManager_; }
+   // Told of every socket the agent opens (the simulator prints what is sent).
+   void udpPamCreatedIs(std::function<void(FakeUdpPam&)> f) { udpPamCreated_ = std::move(f); }
 
  private:
    class Em;
@@ -92,6 +111,9 @@ class InMemoryPlatform : public AgentFrame, public Services {
    bool mountGroupClosed_ = false;
    std::unique_ptr<Em> em_;
    std::map<std::string, Ptr<FakeUdpPam>> udpPams_;
+   std::function<void(FakeUdpPam&)> udpPamCreated_;
+   std::map<std::string, Ptr<Rt::EntityBase>> named_;
+   Ptr<FakeEthDevPamManager> pamManager_;
    Ptr<AgentBase> agent_;
 };
 

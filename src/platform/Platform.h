@@ -112,7 +112,7 @@ class AgentFrame {
 };
 
 // Base of an agent the framework loads.
-class AgentBase : public Rt::RefCounted {
+class AgentBase : public Rt::EntityBase {
  public:
    AgentBase(std::string name, AgentFrame& frame) : name_(std::move(name)), frame_(frame) {}
    const std::string& name() const { return name_; }

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include "rt/Clock.h"
@@ -97,6 +98,28 @@ class TimerTask {
    uint64_t seq_ = 0;
    uint32_t heapIndex_ = kNotScheduled;
    TaskPriority priority_;
+};
+
+}  // namespace Tavrin::Rt
+
+namespace Tavrin::Rt {
+
+// A named activity on the scheduler: what the root hands its machines.
+// Switching notifications off at teardown keeps late timer runs from
+// reaching machines that are being destroyed.
+class SchedulerActivity : public RefCounted {
+ public:
+   SchedulerActivity(std::string name, Ptr<TaskScheduler> scheduler)
+       : name_(std::move(name)), scheduler_(std::move(scheduler)) {}
+   const std::string& name() const { return name_; }
+   const Ptr<TaskScheduler>& scheduler() const { return scheduler_; }
+   bool hasNotificationActive() const { return active_; }
+   void hasNotificationActiveIs(bool on) { active_ = on; }
+
+ private:
+   std::string name_;
+   Ptr<TaskScheduler> scheduler_;
+   bool active_ = false;
 };
 
 }  // namespace Tavrin::Rt
