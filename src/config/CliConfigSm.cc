@@ -21,22 +21,14 @@ CliConfigSm::~CliConfigSm() {
 
 void CliConfigSm::CliConfigReactor::onInterface(IntfId i) { sm_.handleInterface(i); }
 
-void CliConfigSm::configure(IntfId intfId) {
-   TAVRIN_TRACE(tavrinTrace(), 4, " Configure " << intfId);
-   configuredInterfaceStatus_->interfaceRuleIs(intfId, 1);
-}
-
-void CliConfigSm::unconfigure(IntfId intfId) {
-   TAVRIN_TRACE(tavrinTrace(), 4, " Unconfigure " << intfId);
-   configuredInterfaceStatus_->interfaceRuleDel(intfId);
-}
-
 void CliConfigSm::handleInterface(IntfId intfId) {
    auto intfConfig = cliConfig_->interface(intfId);
    if (!intfConfig || !intfConfig->ipv4()) {
-      unconfigure(intfId);
+      TAVRIN_TRACE(tavrinTrace(), 4, " Unconfigure " << intfId);
+      configuredInterfaceStatus_->interfaceRuleDel(intfId);
    } else {
-      configure(intfId);
+      TAVRIN_TRACE(tavrinTrace(), 4, " Configure " << intfId);
+      configuredInterfaceStatus_->interfaceRuleIs(intfId, 1);
    }
    if (intfConfig) {
       intfConfigSmIs(intfConfig);
@@ -53,9 +45,14 @@ void CliConfigSm::handleAllInterfaces() {
       auto intfConfig = cliConfig_->interface(intfId);
       if (!intfConfig || !intfConfig->ipv4()) stale.push_back(intfId);
    }
-   for (auto intfId : stale) unconfigure(intfId);
+   for (auto intfId : stale) {
+      TAVRIN_TRACE(tavrinTrace(), 4, " Unconfigure " << intfId);
+      configuredInterfaceStatus_->interfaceRuleDel(intfId);
+   }
    for (const auto& [intfId, intfConfig] : cliConfig_->interfaceAll()) {
-      if (intfConfig->ipv4()) configure(intfId);
+      if (!intfConfig->ipv4()) continue;
+      TAVRIN_TRACE(tavrinTrace(), 4, " Configure " << intfId);
+      configuredInterfaceStatus_->interfaceRuleIs(intfId, 1);
    }
 }
 

@@ -46,9 +46,6 @@ class CliConfigSm : public Rt::RefCounted {
       CliConfigSm& sm_;
    };
 
-   void configure(IntfId intfId);
-   void unconfigure(IntfId intfId);
-
    Ptr<const CliConfig> cliConfig_;
    Ptr<ConfiguredInterfaceStatus> configuredInterfaceStatus_;
    std::map<IntfId, std::unique_ptr<IntfConfigSm>> intfConfigSm_;

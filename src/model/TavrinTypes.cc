@@ -58,6 +58,18 @@ Ptr<IntfConfig> CliConfig::interfaceIs(IntfId i) {
    return result;
 }
 
+Ptr<IntfConfig> CliConfig::interfaceIs(IntfId i, bool ipv4) {
+   if (auto existing = Rt::mapFind(interface_, i)) {
+      existing->ipv4Is(ipv4);
+      return existing;
+   }
+   auto c = Rt::makePtr<IntfConfig>(i);
+   c->ipv4Is(ipv4);
+   interface_.emplace(i, c);
+   notify<Notifiee>([i](Notifiee& n) { n.onInterface(i); });
+   return c;
+}
+
 void CliConfig::interfaceDel(IntfId i) {
    if (interface_.erase(i)) notify<Notifiee>([i](Notifiee& n) { n.onInterface(i); });
 }

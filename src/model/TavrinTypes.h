@@ -124,8 +124,10 @@ class CliConfig : public Rt::EntityBase {
    Ptr<const IntfConfig> interface(IntfId i) const { return Rt::mapFind(interface_, i); }
    Ptr<IntfConfig> interface(IntfId i) { return Rt::mapFind(interface_, i); }
    const std::map<IntfId, Ptr<IntfConfig>>& interfaceAll() const { return interface_; }
-   // Find-or-create.
+   // Find-or-create. A new member appears with its settings in place, so
+   // that followers never see it half configured.
    Ptr<IntfConfig> interfaceIs(IntfId i);
+   Ptr<IntfConfig> interfaceIs(IntfId i, bool ipv4);
    void interfaceDel(IntfId i);
 
    bool reflectorHas(const IpGenAddr& a) const { return reflector_.count(a) != 0; }

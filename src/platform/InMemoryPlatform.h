@@ -25,6 +25,7 @@ class InMemoryPlatform : public AgentFrame, public Services {
 
    TypeRegistry& types() { return types_; }
    Rt::VirtualClock& virtualClock() { return clock_; }
+   const Rt::VirtualClock& virtualClock() const { return clock_; }
 
    // ---- the state store and shared-memory tables (they outlive agents)
    Ptr<Rt::EntityBase> stateEntity(std::string_view path) const;
