@@ -44,14 +44,16 @@ std::string dhcpMessageTypeName(std::optional<uint8_t> type);
 // A DHCPLEASEQUERY: op BOOTREQUEST, the given xid and giaddr; a query by MAC
 // carries htype Ethernet, hlen 6 and chaddr (ciaddr 0.0.0.0); a query by IP
 // carries ciaddr (htype and hlen 0, chaddr zero). Options: message type 10,
-// a parameter request list asking for 51, 91 and 92, and the end option.
+// a parameter request list asking for 51, 91 and 92, and the end option,
+// then zeros to the 300-byte BOOTP minimum (RFC 1542 section 2.1).
 // `server` is the destination; it is not part of the message and is kept in
 // the signature because callers name it (and a future option may carry it).
 Rt::Ptr<Rt::Pkt> buildDhcpLeaseQuery(bool byMac, IpAddr giaddr, IpAddr server, EthAddr chaddr,
                                      IpAddr ciaddr, uint32_t xid);
 
-// A server's answer, for tests and the simulator. Options whose field is
-// empty are left out of the packet.
+// A server's answer, for tests and the simulator: options 53, 54, 51, 91
+// and 92 in that order, the end option, zeros to 300 bytes. Options whose
+// field is empty are left out; a long option 92 is split (RFC 3396).
 struct DhcpAnswerFields {
    uint8_t messageType = uint8_t(DhcpMessageType::leaseActive);
    uint32_t xid = 0;
@@ -66,7 +68,8 @@ struct DhcpAnswerFields {
 Rt::Ptr<Rt::Pkt> buildDhcpAnswer(const DhcpAnswerFields& fields);
 
 // An untagged (or, with vlan set, 802.1Q-tagged) Ethernet frame carrying a
-// minimal IPv4/UDP packet, for tests and the simulator's trapped frames.
+// minimal IPv4/UDP packet (port 68 to 67, no payload), padded with zeros to
+// the 60-byte Ethernet minimum, for tests and the simulator's trapped frames.
 Rt::Ptr<Rt::Pkt> buildEthIpv4Frame(EthAddr srcMac, IpAddr srcIp, EthAddr dstMac, IpAddr dstIp,
                                    std::optional<uint16_t> vlan = std::nullopt);
 
@@ -114,7 +117,9 @@ class PacketParser {
    // An Ethernet frame carrying IPv4, untagged or with one or two 802.1Q /
    // 802.1ad tags. `intf` and `strict` are the caller's context; with strict
    // set the IPv4 header must be complete and well-formed (version 4,
-   // IHL >= 5, total length within the frame).
+   // IHL >= 5, total length within the frame). Without strict only the 20
+   // fixed header bytes must be present. The header checksum is not checked
+   // in either mode. A frame with a third tag, or not IPv4, fails.
    bool doParseIpPkt(const Rt::Ptr<Rt::Pkt>& pkt, IntfId intf, bool strict);
    bool doParseIpPkt(std::span<const uint8_t> frame, bool strict);
    EthAddr srcMac() const { return srcMac_; }

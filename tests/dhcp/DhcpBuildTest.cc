@@ -75,24 +75,27 @@ TEST(DhcpBuild, answerBytes) {
    f.lastTransaction = 20;
    f.assoc = std::vector{IpAddr::fromBytes(10, 1, 2, 78)};
    f.serverId = kServer;
-   const Bytes expected = padded(cat({
-                                     {0x02, 0x01, 0x06, 0x00},  // BOOTREPLY
-                                     {0x01, 0x02, 0x03, 0x04},
-                                     zeros(4),
-                                     {10, 1, 2, 77},
-                                     zeros(8),
-                                     {10, 1, 2, 1},
-                                     {0x00, 0x11, 0x22, 0x33, 0x44, 0xaa},
-                                     zeros(10 + 64 + 128),
-                                     {0x63, 0x82, 0x53, 0x63},
-                                     {53, 1, 13},
-                                     {54, 4, 10, 9, 9, 9},
-                                     {51, 4, 0, 0, 0x0e, 0x10},
-                                     {91, 4, 0, 0, 0, 20},
-                                     {92, 4, 10, 1, 2, 78},
-                                     {255},
-                                 }),
-                                 300);
+   const Bytes options = cat({
+       {53, 1, 13},
+       {54, 4, 10, 9, 9, 9},
+       {51, 4, 0, 0, 0x0e, 0x10},
+       {91, 4, 0, 0, 0, 20},
+       {92, 4, 10, 1, 2, 78},
+       {255},
+   });
+   const Bytes expected = cat({
+       {0x02, 0x01, 0x06, 0x00},  // BOOTREPLY
+       {0x01, 0x02, 0x03, 0x04},
+       zeros(4),
+       {10, 1, 2, 77},
+       zeros(8),
+       {10, 1, 2, 1},
+       {0x00, 0x11, 0x22, 0x33, 0x44, 0xaa},
+       zeros(10 + 64 + 128),
+       {0x63, 0x82, 0x53, 0x63},
+       options,
+       zeros(300 - 240 - options.size()),
+   });
    EXPECT_EQ(buildDhcpAnswer(f)->bytes(), expected);
 }
 
