@@ -2,72 +2,8 @@
 
 namespace Tavrin::Platform {
 
-namespace {
-
-Ptr<Rt::EntityBase> findIn(const std::map<std::string, Ptr<Rt::EntityBase>, std::less<>>& m,
-                           std::string_view path) {
-   auto it = m.find(path);
-   return it == m.end() ? nullptr : it->second;
-}
-
-}  // namespace
-
-class InMemoryPlatform::Em final : public EntityManager, public MountGroup {
- public:
-   explicit Em(InMemoryPlatform& p) : p_(p) {}
-   MountGroup& mountGroup() override { return *this; }
-   Ptr<Rt::EntityBase> entity(std::string_view path) override {
-      if (auto e = findIn(p_.local_, path)) return e;
-      return findIn(p_.state_, path);
-   }
-   Ptr<Rt::EntityBase> localEntityIs(std::string_view path, std::string_view typeName,
-                                     std::string_view) override {
-      if (auto e = findIn(p_.local_, path)) return e;
-      auto e = p_.types_.entityIs(typeName);
-      if (e) p_.local_.emplace(std::string(path), e);
-      return e;
-   }
-   void localEntitiesCreatedIs(bool created) override { p_.localEntitiesCreated_ = created; }
-   std::string cellRelativePath(std::string_view path) const override {
-      return "cell/1/" + std::string(path);
-   }
-   void mountIs(const Mount& m) override {
-      p_.stateMounts_.push_back(m);
-      p_.stateEntityIs(m.path, m.typeName);
-   }
-   void close() override { p_.mountGroupClosed_ = true; }
-
- private:
-   InMemoryPlatform& p_;
-};
-
-class InMemoryPlatform::ShmEm final : public ShmEntityManager {
- public:
-   explicit ShmEm(InMemoryPlatform& p) : p_(p) {}
-   void doInit() override {}
-   Ptr<Rt::EntityBase> writerMountIs(std::string_view path, std::string_view typeName,
-                                     const std::vector<ShmCollection>& collections) override {
-      std::string desc = "w " + std::string(path) + " " + std::string(typeName);
-      for (auto& c : collections) desc += " " + c.name + "=" + std::to_string(c.size);
-      p_.shmMounts_.push_back(desc);
-      return p_.shmEntityIs(path, typeName);
-   }
-   Ptr<Rt::EntityBase> readerMountIs(std::string_view path, std::string_view typeName,
-                                     int mode) override {
-      p_.shmMounts_.push_back("r" + std::to_string(mode) + " " + std::string(path) + " " +
-                              std::string(typeName));
-      return p_.shmEntityIs(path, typeName);
-   }
-   Ptr<Rt::EntityBase> entity(std::string_view path) override { return p_.shmEntity(path); }
-
- private:
-   InMemoryPlatform& p_;
-};
-
 InMemoryPlatform::InMemoryPlatform(Seconds startTime)
-    : clock_(startTime), scheduler_(Rt::makePtr<Rt::TaskScheduler>(clock_)) {
-   registerPlatformTypes(types_);
-   em_ = std::make_unique<Em>(*this);
+    : VirtualClockHolder(startTime), Framework(clock_) {
    Rt::clockIs(&clock_);
    servicesIs(this);
 }
@@ -78,68 +14,7 @@ InMemoryPlatform::~InMemoryPlatform() {
    servicesIs(nullptr);
 }
 
-Ptr<Rt::EntityBase> InMemoryPlatform::stateEntity(std::string_view path) const {
-   return findIn(state_, path);
-}
-
-Ptr<Rt::EntityBase> InMemoryPlatform::stateEntityIs(std::string_view path,
-                                                    std::string_view typeName) {
-   if (auto e = findIn(state_, path)) return e;
-   auto e = types_.entityIs(typeName);
-   if (e) state_.emplace(std::string(path), e);
-   return e;
-}
-
-Ptr<Rt::EntityBase> InMemoryPlatform::shmEntity(std::string_view path) const {
-   return findIn(shm_, path);
-}
-
-Ptr<Rt::EntityBase> InMemoryPlatform::shmEntityIs(std::string_view path,
-                                                  std::string_view typeName) {
-   if (auto e = findIn(shm_, path)) return e;
-   auto e = types_.entityIs(typeName);
-   if (e) shm_.emplace(std::string(path), e);
-   return e;
-}
-
-Ptr<Rt::EntityBase> InMemoryPlatform::localEntity(std::string_view path) const {
-   return findIn(local_, path);
-}
-
-void InMemoryPlatform::envIs(const std::string& name, std::optional<std::string> value) {
-   if (value) {
-      env_[name] = *value;
-   } else {
-      env_.erase(name);
-   }
-}
-
-std::optional<std::string> InMemoryPlatform::env(std::string_view name) const {
-   auto it = env_.find(name);
-   if (it == env_.end()) return std::nullopt;
-   return it->second;
-}
-
-EntityManager& InMemoryPlatform::entityManager() { return *em_; }
-
-std::unique_ptr<ShmEntityManager> InMemoryPlatform::shmEntityManagerIs(EntityManager&) {
-   return std::make_unique<ShmEm>(*this);
-}
-
-Ptr<AgentBase> InMemoryPlatform::start(const AgentFactory& factory, const std::string& name) {
-   stop();
-   mountGroupClosed_ = false;
-   auto agent = factory(name, *this);
-   agent_ = agent;
-   agent->doInit();
-   if (mountGroupClosed_) agent->doMountsComplete(MountStatus::mountSuccessful, *em_);
-   return agent;
-}
-
-void InMemoryPlatform::stop() {
-   agent_ = nullptr;
-   local_.clear();
-   localEntitiesCreated_ = false;
+void InMemoryPlatform::agentStopped() {
    udpPams_.clear();
    named_.clear();
    pamManager_ = nullptr;
@@ -147,9 +22,9 @@ void InMemoryPlatform::stop() {
 
 void InMemoryPlatform::advance(Seconds dt, const std::function<void()>& afterEach) {
    Seconds target = clock_.now() + dt;
-   while (scheduler_->nextRunTime() <= target) {
-      clock_.timeIs(std::max(clock_.now(), scheduler_->nextRunTime()));
-      scheduler_->runNext(clock_.now());
+   while (scheduler()->nextRunTime() <= target) {
+      clock_.timeIs(std::max(clock_.now(), scheduler()->nextRunTime()));
+      scheduler()->runNext(clock_.now());
       if (afterEach) afterEach();
    }
    clock_.timeIs(target);
