@@ -24,7 +24,7 @@ if [ "$(id -u)" -eq 0 ]; then
   for t in lab/*.test.sh lab/leasequery-interop.sh; do
     [ -e "$t" ] || continue
     echo "-- $t"
-    bash "$t"
+    LQ_PROBE=$PWD/build/release/lab/lq-probe bash "$t"
   done
 else
   echo "== lab tests skipped: they need root"
