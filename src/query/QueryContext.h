@@ -16,7 +16,9 @@ struct IpMacPair {
    IpGenAddr ip;
    EthAddr mac;
 
-   bool operator!() const { return ip.isEmpty() && mac.isZero(); }
+   // IPv4 0.0.0.0 counts as empty, as it does for equality: a pair parsed
+   // back from its text form must stay invalid.
+   bool operator!() const { return ip == IpGenAddr() && mac.isZero(); }
    bool operator==(const IpMacPair&) const = default;
    auto operator<=>(const IpMacPair&) const = default;
    // "Value('Tavrin::IpMacPair', ** {'ip': 10.0.0.1, 'mac': 00:00:00:00:00:00})"
