@@ -1,15 +1,116 @@
 #include "lease/LeaseTableShmTableSm.h"
 
+#include <algorithm>
+#include <exception>
+#include <vector>
+
+#include "model/TavrinCommon.h"
+
 namespace Tavrin {
 
-LeaseTableShmTableSm::LeaseTableShmTableSm(Ptr<const LeaseTable>,
-   Ptr<Status>,
-   Ptr<const Hardware::InstalledConfig>) {}
+LeaseTableShmTableSm::LeaseTableShmTableSm(Ptr<const LeaseTable> leaseTable, Ptr<Status> status,
+                                           Ptr<const Hardware::InstalledConfig> installedConfig)
+    : status_(std::move(status)), installedConfig_(std::move(installedConfig)) {
+   if (!leaseTable || !status_) return;
+   leaseTableIs(leaseTable);
+   handleAllLeases();
+}
 
-Ptr<LeaseTableShmTableSm> leaseTableShmTableSmFactory(Ptr<const LeaseTable> leaseTable,
-   Ptr<Status> status,
-   Ptr<const Hardware::InstalledConfig> installedConfig) {
-   return Rt::makePtr<LeaseTableShmTableSm>(std::move(leaseTable), std::move(status), std::move(installedConfig));
+LeaseTableShmTableSm::~LeaseTableShmTableSm() {
+   leaseTableDel();
+}
+
+void LeaseTableShmTableSm::leaseTableIs(const Ptr<const LeaseTable>& leaseTable) {
+   leaseTable_ = leaseTable;
+   leaseTableReactor_ = std::make_unique<LeaseTableReactor>(*this, leaseTable);
+}
+
+void LeaseTableShmTableSm::leaseTableDel() {
+   leaseTableReactor_.reset();
+   leaseTable_ = nullptr;
+}
+
+std::optional<IpMacLeaseKey> LeaseTableShmTableSm::ipToLeaseKey(const IpGenAddr& ip) const {
+   auto it = published_.find(ip);
+   if (it == published_.end()) return std::nullopt;
+   return it->second.key;
+}
+
+void LeaseTableShmTableSm::ipToLeaseKeyIs(const IpGenAddr& ip, const IpMacLeaseEntry& entry) {
+   published_[ip] = entry;
+}
+
+void LeaseTableShmTableSm::ipToLeaseKeyDel(const IpGenAddr& ip) {
+   published_.erase(ip);
+}
+
+void LeaseTableShmTableSm::ipToLeaseKeyDelAll() {
+   published_.clear();
+}
+
+void LeaseTableShmTableSm::handleIpToLease(IpGenAddr ip) {
+   auto clientLease = leaseTable_->ipToLease(ip);
+   if (clientLease && clientLease->ipMacLeaseByIp(ip)) {
+      publish(ip, clientLease);
+   } else if (published_.count(ip)) {
+      withdraw(ip);
+   }
+}
+
+void LeaseTableShmTableSm::publish(const IpGenAddr& ip, const Ptr<ClientLease>& clientLease) {
+   IpMacLeaseEntry entry{{clientLease->mac(), ip}, clientLease->intfId(), false};
+   // The IP went to another MAC without a withdrawal in between: the old
+   // pair must not stay allowed.
+   if (auto old = ipToLeaseKey(ip); old && !(*old == entry.key)) withdraw(ip);
+   TAVRIN_TRACE(tavrinTrace(), 4,
+                "Adding mac " << entry.key.mac << ", ip " << ip << ", intfId " << entry.intfId);
+   status_->ipMacLeaseIs(entry);
+   ipToLeaseKeyIs(ip, entry);
+}
+
+void LeaseTableShmTableSm::withdraw(const IpGenAddr& ip) {
+   auto it = published_.find(ip);
+   IpMacLeaseEntry entry = it->second;
+   TAVRIN_TRACE(tavrinTrace(), 4,
+                "Deleting mac " << entry.key.mac << ", ip " << ip << ", intfId " << entry.intfId);
+   status_->ipMacLeaseDel(entry.key);
+   ipToLeaseKeyDel(ip);
+}
+
+void LeaseTableShmTableSm::handleAllLeases() {
+   // The table outlives the agent: what an earlier run published and this
+   // run does not hold must go before anything is added.
+   try {
+      std::vector<IpMacLeaseEntry> entries;
+      for (const auto& [key, entry] : status_->ipMacLeaseAll()) entries.push_back(entry);
+      std::sort(entries.begin(), entries.end(),
+                [](const auto& a, const auto& b) { return a.key < b.key; });
+      for (const auto& entry : entries) {
+         auto clientLease = leaseTable_->ipToLease(entry.key.ip);
+         if (clientLease && clientLease->mac() == entry.key.mac &&
+             clientLease->intfId() == entry.intfId) {
+            continue;
+         }
+         TAVRIN_TRACE(tavrinTrace(), 4,
+                      "Deleting mac " << entry.key.mac << ", ip " << entry.key.ip << ", intfId "
+                                      << entry.intfId);
+         status_->ipMacLeaseDel(entry.key);
+      }
+   } catch (const std::exception& e) {
+      TAVRIN_TRACE(tavrinTrace(), 1, e.what());
+   }
+   std::vector<IpGenAddr> ips;
+   ips.reserve(leaseTable_->ipToLeaseAll().size());
+   for (const auto& [ip, clientLease] : leaseTable_->ipToLeaseAll()) ips.push_back(ip);
+   std::sort(ips.begin(), ips.end());
+   for (const auto& ip : ips) publish(ip, leaseTable_->ipToLease(ip));
+}
+
+Ptr<LeaseTableShmTableSm> leaseTableShmTableSmFactory(
+    Ptr<const LeaseTable> leaseTable, Ptr<Status> status,
+    Ptr<const Hardware::InstalledConfig> installedConfig) {
+   return Rt::makePtr<LeaseTableShmTableSm>(std::move(leaseTable), std::move(status),
+                                            std::move(installedConfig));
 }
 
 }  // namespace Tavrin

@@ -1,5 +1,11 @@
-// Publishes the installed leases into the shared-memory table for the data plane.
+// Publishes the installed leases into the shared-memory table for the data
+// plane: one entry per leased IP, keyed by (MAC, IP), naming the interface on
+// which the pair may pass.
 #pragma once
+
+#include <memory>
+#include <optional>
+#include <unordered_map>
 
 #include "model/LeaseTable.h"
 
@@ -7,13 +13,48 @@ namespace Tavrin {
 
 class LeaseTableShmTableSm : public Rt::RefCounted {
  public:
-   LeaseTableShmTableSm(Ptr<const LeaseTable> leaseTable,
-      Ptr<Status> status,
-      Ptr<const Hardware::InstalledConfig> installedConfig);
+   LeaseTableShmTableSm(Ptr<const LeaseTable> leaseTable, Ptr<Status> status,
+                        Ptr<const Hardware::InstalledConfig> installedConfig);
+   ~LeaseTableShmTableSm() override;
+
+   void handleIpToLease(IpGenAddr ip);
+   void handleAllLeases();
+
+   // What this machine has published for each IP, so that a withdrawal
+   // needs no read of the shared table.
+   std::optional<IpMacLeaseKey> ipToLeaseKey(const IpGenAddr& ip) const;
+   size_t ipToLeaseKeySize() const { return published_.size(); }
+   void ipToLeaseKeyIs(const IpGenAddr& ip, const IpMacLeaseEntry& entry);
+   void ipToLeaseKeyDel(const IpGenAddr& ip);
+   void ipToLeaseKeyDelAll();
+
+   void leaseTableIs(const Ptr<const LeaseTable>& leaseTable);
+   void leaseTableDel();
+
+ private:
+   class LeaseTableReactor : public LeaseTable::Notifiee {
+    public:
+      LeaseTableReactor(LeaseTableShmTableSm& sm, const Ptr<const LeaseTable>& t)
+          : LeaseTable::Notifiee(t), sm_(sm) {}
+      void onIpToLease(const IpGenAddr& ip) override { sm_.handleIpToLease(ip); }
+
+    private:
+      LeaseTableShmTableSm& sm_;
+   };
+
+   void publish(const IpGenAddr& ip, const Ptr<ClientLease>& clientLease);
+   void withdraw(const IpGenAddr& ip);
+
+   Ptr<const LeaseTable> leaseTable_;
+   Ptr<Status> status_;
+   // Kept for the data plane's feedback; nothing reads it yet.
+   Ptr<const Hardware::InstalledConfig> installedConfig_;
+   std::unique_ptr<LeaseTableReactor> leaseTableReactor_;
+   std::unordered_map<IpGenAddr, IpMacLeaseEntry> published_;
 };
 
-Ptr<LeaseTableShmTableSm> leaseTableShmTableSmFactory(Ptr<const LeaseTable> leaseTable,
-   Ptr<Status> status,
-   Ptr<const Hardware::InstalledConfig> installedConfig);
+Ptr<LeaseTableShmTableSm> leaseTableShmTableSmFactory(
+    Ptr<const LeaseTable> leaseTable, Ptr<Status> status,
+    Ptr<const Hardware::InstalledConfig> installedConfig);
 
 }  // namespace Tavrin

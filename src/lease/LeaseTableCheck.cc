@@ -1,0 +1,186 @@
+#include "lease/LeaseTableCheck.h"
+
+#include <sstream>
+
+namespace Tavrin {
+
+namespace {
+
+class Checker {
+ public:
+   Checker(const LeaseTable& t, const LeaseStatus& s, const Status* p)
+       : table_(t), status_(s), published_(p) {}
+
+   std::vector<std::string> run() {
+      checkClients();
+      checkIpToLease();
+      checkServerSets();
+      checkInterfaceSets();
+      checkPersisted();
+      if (published_) checkPublished();
+      return std::move(violations_);
+   }
+
+ private:
+   template <class... A>
+   void fail(const A&... parts) {
+      std::ostringstream os;
+      (os << ... << parts);
+      violations_.push_back(os.str());
+   }
+
+   void checkClients() {
+      for (const auto& [mac, client] : table_.macToLeaseAll()) {
+         if (client->mac() != mac) fail("macToLease ", mac, " holds the client of ", client->mac());
+         if (client->ipMacLeaseByIpSize() == 0) fail("client ", mac, " holds no lease");
+         auto intfSet = table_.interfaceClientLeaseSet(client->intfId());
+         if (!intfSet || !intfSet->clientLeaseHas(client)) {
+            fail("client ", mac, " missing from the set of its interface ", client->intfId());
+         }
+         checkClientLeases(*client);
+         checkClientServers(client);
+      }
+   }
+
+   void checkClientLeases(const ClientLease& client) {
+      for (const auto& [ip, lease] : client.ipMacLeaseByIpAll()) {
+         if (lease->ip() != ip || lease->mac() != client.mac()) {
+            fail("client ", client.mac(), " files lease ", lease->key(), " under ip ", ip);
+         }
+         if (table_.ipToLease(ip).get() != &client) {
+            fail("ipToLease ", ip, " does not name client ", client.mac());
+         }
+         auto set = client.dhcpLeaseSet(lease->dhcpAddr());
+         if (!set || !set->ipMacLeaseHas(lease)) {
+            fail("lease ", lease->key(), " missing from its server set in client ", client.mac());
+         }
+         auto persisted = status_.interfaceLeaseSet(client.intfId());
+         if (!persisted || persisted->ipMacLease(lease->key()) != lease) {
+            fail("lease ", lease->key(), " of client on ", client.intfId(),
+                 " is not persisted there");
+         }
+      }
+   }
+
+   void checkClientServers(const Ptr<ClientLease>& client) {
+      size_t inSets = 0;
+      for (const auto& [server, set] : client->dhcpLeaseSetAll()) {
+         if (set->dhcpAddr() != server)
+            fail("client ", client->mac(), " files a set under ", server);
+         if (set->ipMacLeaseSize() == 0)
+            fail("client ", client->mac(), " keeps an empty set of ", server);
+         inSets += set->ipMacLeaseSize();
+         bool any = false;
+         Seconds newest = 0;
+         for (const auto& lease : set->ipMacLeaseAll()) {
+            if (lease->dhcpAddr() != server)
+               fail("lease ", lease->key(), " in the set of ", server);
+            if (client->ipMacLeaseByIp(lease->ip()) != lease) {
+               fail("client ", client->mac(), " server set of ", server, " keeps a dead lease ",
+                    lease->key());
+            }
+            if (!any || lease->lastTransactionTime() > newest)
+               newest = lease->lastTransactionTime();
+            any = true;
+         }
+         if (any && set->newestLastTransactionTime() != newest) {
+            fail("client ", client->mac(), " server ", server, " newest time ",
+                 set->newestLastTransactionTime(), " but its newest lease has ", newest);
+         }
+         auto serverSet = table_.dhcpServerLeaseSet(server);
+         if (!serverSet || !serverSet->clientLeaseHas(client)) {
+            fail("client ", client->mac(), " missing from the client set of server ", server);
+         }
+      }
+      if (inSets != client->ipMacLeaseByIpSize()) {
+         fail("client ", client->mac(), " has ", client->ipMacLeaseByIpSize(), " leases but ",
+              inSets, " in its server sets");
+      }
+   }
+
+   void checkIpToLease() {
+      for (const auto& [ip, client] : table_.ipToLeaseAll()) {
+         if (table_.macToLease(client->mac()) != client) {
+            fail("ipToLease ", ip,
+                 " names a client that macToLease does not hold: ", client->mac());
+         }
+         if (!client->ipMacLeaseByIp(ip)) fail("ipToLease ", ip, " names a client without it");
+      }
+   }
+
+   void checkServerSets() {
+      for (const auto& [server, set] : table_.dhcpServerLeaseSetAll()) {
+         if (set->dhcpAddr() != server) fail("server set of ", set->dhcpAddr(), " under ", server);
+         for (const auto& client : set->clientLeaseAll()) {
+            if (table_.macToLease(client->mac()) != client) {
+               fail("server ", server, " lists a dead client ", client->mac());
+            }
+            if (!client->dhcpLeaseSet(server)) {
+               fail("server ", server, " lists client ", client->mac(), " without its leases");
+            }
+         }
+      }
+   }
+
+   void checkInterfaceSets() {
+      for (const auto& [intf, set] : table_.interfaceClientLeaseSetAll()) {
+         if (set->intfId() != intf) fail("interface set of ", set->intfId(), " under ", intf);
+         for (const auto& client : set->clientLeaseAll()) {
+            if (table_.macToLease(client->mac()) != client) {
+               fail("interface ", intf, " lists a dead client ", client->mac());
+            }
+            if (client->intfId() != intf) {
+               fail("interface ", intf, " lists client ", client->mac(), " of ", client->intfId());
+            }
+         }
+      }
+   }
+
+   void checkPersisted() {
+      size_t persisted = 0;
+      for (const auto& [intf, set] : status_.interfaceLeaseSetAll()) {
+         for (const auto& [key, lease] : set->ipMacLeaseAll()) {
+            ++persisted;
+            if (!(lease->key() == key)) fail("persisted lease ", lease->key(), " under key ", key);
+            auto client = table_.macToLease(key.mac);
+            if (!client || client->intfId() != intf || client->ipMacLeaseByIp(key.ip) != lease) {
+               fail("persisted lease ", key, " on ", intf, " is not indexed");
+            }
+         }
+      }
+      if (persisted != table_.ipToLeaseAll().size()) {
+         fail(persisted, " persisted leases but ", table_.ipToLeaseAll().size(), " leased IPs");
+      }
+   }
+
+   void checkPublished() {
+      for (const auto& [ip, client] : table_.ipToLeaseAll()) {
+         auto entry = published_->ipMacLease({client->mac(), ip});
+         if (!entry) {
+            fail("lease of ", client->mac(), " ip ", ip, " is not published");
+         } else if (entry->intfId != client->intfId()) {
+            fail("lease of ", client->mac(), " ip ", ip, " is published on ", entry->intfId,
+                 " but held on ", client->intfId());
+         }
+      }
+      if (published_->ipMacLeaseSize() != table_.ipToLeaseAll().size()) {
+         fail(published_->ipMacLeaseSize(), " published entries but ", table_.ipToLeaseAll().size(),
+              " leased IPs");
+      }
+   }
+
+   const LeaseTable& table_;
+   const LeaseStatus& status_;
+   const Status* published_;
+   std::vector<std::string> violations_;
+};
+
+}  // namespace
+
+std::vector<std::string> checkLeaseTableConsistency(const LeaseTable& leaseTable,
+                                                    const LeaseStatus& leaseStatus,
+                                                    const Status* published) {
+   return Checker(leaseTable, leaseStatus, published).run();
+}
+
+}  // namespace Tavrin
