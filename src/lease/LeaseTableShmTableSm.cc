@@ -48,33 +48,28 @@ void LeaseTableShmTableSm::ipToLeaseKeyDelAll() {
    published_.clear();
 }
 
+// Traces are written here, not in a shared helper, so that each names the
+// handler that published or withdrew the entry.
 void LeaseTableShmTableSm::handleIpToLease(IpGenAddr ip) {
    auto clientLease = leaseTable_->ipToLease(ip);
-   if (clientLease && clientLease->ipMacLeaseByIp(ip)) {
-      publish(ip, clientLease);
-   } else if (published_.count(ip)) {
-      withdraw(ip);
+   auto old = published_.find(ip);
+   bool held = clientLease && clientLease->ipMacLeaseByIp(ip);
+   IpMacLeaseEntry entry;
+   if (held) entry = {{clientLease->mac(), ip}, clientLease->intfId(), false};
+   // Withdrawn, or handed to another MAC without a withdrawal in between:
+   // the old pair must not stay allowed.
+   if (old != published_.end() && (!held || old->second.key != entry.key)) {
+      TAVRIN_TRACE(tavrinTrace(), 4,
+                   "Deleting mac " << old->second.key.mac << ", ip " << ip << ", intfId "
+                                   << old->second.intfId);
+      status_->ipMacLeaseDel(old->second.key);
+      ipToLeaseKeyDel(ip);
    }
-}
-
-void LeaseTableShmTableSm::publish(const IpGenAddr& ip, const Ptr<ClientLease>& clientLease) {
-   IpMacLeaseEntry entry{{clientLease->mac(), ip}, clientLease->intfId(), false};
-   // The IP went to another MAC without a withdrawal in between: the old
-   // pair must not stay allowed.
-   if (auto old = ipToLeaseKey(ip); old && !(*old == entry.key)) withdraw(ip);
+   if (!held) return;
    TAVRIN_TRACE(tavrinTrace(), 4,
                 "Adding mac " << entry.key.mac << ", ip " << ip << ", intfId " << entry.intfId);
    status_->ipMacLeaseIs(entry);
    ipToLeaseKeyIs(ip, entry);
-}
-
-void LeaseTableShmTableSm::withdraw(const IpGenAddr& ip) {
-   auto it = published_.find(ip);
-   IpMacLeaseEntry entry = it->second;
-   TAVRIN_TRACE(tavrinTrace(), 4,
-                "Deleting mac " << entry.key.mac << ", ip " << ip << ", intfId " << entry.intfId);
-   status_->ipMacLeaseDel(entry.key);
-   ipToLeaseKeyDel(ip);
 }
 
 void LeaseTableShmTableSm::handleAllLeases() {
@@ -103,7 +98,14 @@ void LeaseTableShmTableSm::handleAllLeases() {
    ips.reserve(leaseTable_->ipToLeaseAll().size());
    for (const auto& [ip, clientLease] : leaseTable_->ipToLeaseAll()) ips.push_back(ip);
    std::sort(ips.begin(), ips.end());
-   for (const auto& ip : ips) publish(ip, leaseTable_->ipToLease(ip));
+   for (const auto& ip : ips) {
+      auto clientLease = leaseTable_->ipToLease(ip);
+      IpMacLeaseEntry entry{{clientLease->mac(), ip}, clientLease->intfId(), false};
+      TAVRIN_TRACE(tavrinTrace(), 4,
+                   "Adding mac " << entry.key.mac << ", ip " << ip << ", intfId " << entry.intfId);
+      status_->ipMacLeaseIs(entry);
+      ipToLeaseKeyIs(ip, entry);
+   }
 }
 
 Ptr<LeaseTableShmTableSm> leaseTableShmTableSmFactory(

@@ -42,9 +42,6 @@ class LeaseTableShmTableSm : public Rt::RefCounted {
       LeaseTableShmTableSm& sm_;
    };
 
-   void publish(const IpGenAddr& ip, const Ptr<ClientLease>& clientLease);
-   void withdraw(const IpGenAddr& ip);
-
    Ptr<const LeaseTable> leaseTable_;
    Ptr<Status> status_;
    // Kept for the data plane's feedback; nothing reads it yet.
