@@ -1,0 +1,290 @@
+#include "linux/NetlinkDigest.h"
+
+#include <libmnl/libmnl.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstring>
+#include <sstream>
+
+namespace Tavrin::Linux {
+
+namespace {
+
+// One row per attribute we read: its netlink type, the libmnl data type it
+// is validated as, and for binary data the exact payload length. Attributes
+// not in the table are skipped unread, so newer kernels may add any.
+struct AttrRule {
+   uint16_t type;
+   mnl_attr_data_type dataType;
+   size_t len;  // MNL_TYPE_BINARY only: exact payload length
+};
+
+constexpr std::array kLinkPolicy{
+    AttrRule{IFLA_IFNAME, MNL_TYPE_NUL_STRING, 0},
+    AttrRule{IFLA_MASTER, MNL_TYPE_U32, 0},
+    AttrRule{IFLA_LINKINFO, MNL_TYPE_NESTED, 0},
+};
+constexpr std::array kLinkInfoPolicy{
+    AttrRule{IFLA_INFO_KIND, MNL_TYPE_NUL_STRING, 0},
+};
+constexpr std::array kAddrPolicy{
+    AttrRule{IFA_ADDRESS, MNL_TYPE_BINARY, 4},
+    AttrRule{IFA_LOCAL, MNL_TYPE_BINARY, 4},
+    AttrRule{IFA_FLAGS, MNL_TYPE_U32, 0},
+};
+constexpr std::array kFdbPolicy{
+    AttrRule{NDA_LLADDR, MNL_TYPE_BINARY, 6},
+    AttrRule{NDA_MASTER, MNL_TYPE_U32, 0},
+    AttrRule{NDA_VLAN, MNL_TYPE_U16, 0},
+};
+
+// The validated attributes of one message (or one nest), by type.
+template <size_t Max>
+struct AttrTable {
+   std::array<const nlattr*, Max + 1> attr{};
+   const AttrRule* rules = nullptr;
+   size_t ruleCount = 0;
+   // Where the walk got to: libmnl's walk stops quietly at an attribute
+   // that claims more bytes than are left, so the caller compares this
+   // with the end of the message to tell a cut message from a whole one.
+   const char* walked = nullptr;
+   std::string error;
+
+   const nlattr* operator[](uint16_t type) const { return type <= Max ? attr[type] : nullptr; }
+};
+
+template <size_t Max>
+int attrCallback(const nlattr* a, void* data) {
+   auto& t = *static_cast<AttrTable<Max>*>(data);
+   t.walked = reinterpret_cast<const char*>(a) + MNL_ALIGN(a->nla_len);
+   uint16_t type = mnl_attr_get_type(a);
+   if (type > Max) return MNL_CB_OK;
+   for (size_t i = 0; i < t.ruleCount; ++i) {
+      const AttrRule& r = t.rules[i];
+      if (r.type != type) continue;
+      int rc = r.dataType == MNL_TYPE_BINARY ? mnl_attr_validate2(a, r.dataType, r.len)
+                                             : mnl_attr_validate(a, r.dataType);
+      if (rc < 0) {
+         t.error = "attribute " + std::to_string(type) + " of " +
+                   std::to_string(mnl_attr_get_payload_len(a)) + " bytes: " + std::strerror(errno);
+         return MNL_CB_ERROR;
+      }
+      t.attr[type] = a;
+      return MNL_CB_OK;
+   }
+   return MNL_CB_OK;
+}
+
+template <size_t Max>
+void checkWalked(AttrTable<Max>& t, const char* first, const char* tail) {
+   if (!t.error.empty()) return;
+   const char* end = t.walked ? t.walked : first;
+   if (tail - end >= ptrdiff_t(sizeof(nlattr))) t.error = "an attribute runs past the end";
+}
+
+template <size_t Max, size_t N>
+bool parseAttrs(const nlmsghdr* nlh, size_t headerLen, const std::array<AttrRule, N>& policy,
+                AttrTable<Max>& t) {
+   t.rules = policy.data();
+   t.ruleCount = policy.size();
+   if (mnl_attr_parse(nlh, unsigned(headerLen), attrCallback<Max>, &t) < 0 && t.error.empty()) {
+      t.error = "attributes do not parse";
+   }
+   checkWalked(t, static_cast<const char*>(mnl_nlmsg_get_payload_offset(nlh, headerLen)),
+               static_cast<const char*>(mnl_nlmsg_get_payload_tail(nlh)));
+   return t.error.empty();
+}
+
+template <size_t Max, size_t N>
+bool parseNested(const nlattr* nest, const std::array<AttrRule, N>& policy, AttrTable<Max>& t) {
+   t.rules = policy.data();
+   t.ruleCount = policy.size();
+   if (mnl_attr_parse_nested(nest, attrCallback<Max>, &t) < 0 && t.error.empty()) {
+      t.error = "nested attributes do not parse";
+   }
+   const char* first = static_cast<const char*>(mnl_attr_get_payload(nest));
+   checkWalked(t, first, first + mnl_attr_get_payload_len(nest));
+   return t.error.empty();
+}
+
+Digested malformed(std::string reason) {
+   return {Digested::Status::malformed, {}, std::move(reason)};
+}
+Digested ignored(std::string reason) {
+   return {Digested::Status::ignored, {}, std::move(reason)};
+}
+Digested ok(RtnlMsg m) {
+   return {Digested::Status::ok, std::move(m), {}};
+}
+
+// The fixed header after the netlink header, or null when the message is
+// too short to hold it.
+template <class T>
+const T* familyHeader(const nlmsghdr* nlh) {
+   if (mnl_nlmsg_get_payload_len(nlh) < sizeof(T)) return nullptr;
+   return static_cast<const T*>(mnl_nlmsg_get_payload(nlh));
+}
+
+Digested digestLink(const nlmsghdr* nlh) {
+   const auto* ifi = familyHeader<ifinfomsg>(nlh);
+   if (!ifi) return malformed("link message shorter than its header");
+   // The bridge also reports its ports' details as AF_BRIDGE link messages;
+   // an AF_BRIDGE RTM_DELLINK means "left the bridge", not "link gone".
+   if (ifi->ifi_family != AF_UNSPEC)
+      return ignored("link message of family " + std::to_string(ifi->ifi_family));
+   if (ifi->ifi_index <= 0) return malformed("link message without an ifindex");
+   AttrTable<IFLA_MAX> t;
+   if (!parseAttrs(nlh, sizeof(ifinfomsg), kLinkPolicy, t)) return malformed("link: " + t.error);
+   LinkMsg m;
+   m.removed = nlh->nlmsg_type == RTM_DELLINK;
+   m.ifindex = ifi->ifi_index;
+   if (t[IFLA_IFNAME]) m.name = mnl_attr_get_str(t[IFLA_IFNAME]);
+   if (!m.removed && !IntfId::parse(m.name)) {
+      return malformed("link " + std::to_string(m.ifindex) + " without a valid name");
+   }
+   if (t[IFLA_MASTER]) m.master = int(mnl_attr_get_u32(t[IFLA_MASTER]));
+   if (t[IFLA_LINKINFO]) {
+      AttrTable<IFLA_INFO_MAX> info;
+      if (!parseNested(t[IFLA_LINKINFO], kLinkInfoPolicy, info)) {
+         return malformed("link info: " + info.error);
+      }
+      if (info[IFLA_INFO_KIND]) m.kind = mnl_attr_get_str(info[IFLA_INFO_KIND]);
+   }
+   return ok(std::move(m));
+}
+
+IpAddr ipv4(const nlattr* a) {
+   std::array<uint8_t, 4> b;
+   std::memcpy(b.data(), mnl_attr_get_payload(a), 4);
+   return IpAddr::fromBytes(b[0], b[1], b[2], b[3]);
+}
+
+Digested digestAddr(const nlmsghdr* nlh) {
+   const auto* ifa = familyHeader<ifaddrmsg>(nlh);
+   if (!ifa) return malformed("address message shorter than its header");
+   if (ifa->ifa_family != AF_INET)
+      return ignored("address of family " + std::to_string(ifa->ifa_family));
+   if (ifa->ifa_prefixlen > 32)
+      return malformed("IPv4 prefix length " + std::to_string(ifa->ifa_prefixlen));
+   AttrTable<IFA_MAX> t;
+   if (!parseAttrs(nlh, sizeof(ifaddrmsg), kAddrPolicy, t)) return malformed("address: " + t.error);
+   // On a point-to-point link IFA_ADDRESS is the peer; IFA_LOCAL is ours.
+   const nlattr* local = t[IFA_LOCAL] ? t[IFA_LOCAL] : t[IFA_ADDRESS];
+   if (!local) return malformed("IPv4 address message without an address");
+   AddrMsg m;
+   m.removed = nlh->nlmsg_type == RTM_DELADDR;
+   m.ifindex = int(ifa->ifa_index);
+   m.local = ipv4(local);
+   m.prefixLen = ifa->ifa_prefixlen;
+   uint32_t flags = t[IFA_FLAGS] ? mnl_attr_get_u32(t[IFA_FLAGS]) : ifa->ifa_flags;
+   m.secondary = (flags & IFA_F_SECONDARY) != 0;
+   m.scope = ifa->ifa_scope;
+   if (m.ifindex <= 0) return malformed("address message without an ifindex");
+   return ok(m);
+}
+
+Digested digestFdb(const nlmsghdr* nlh) {
+   const auto* ndm = familyHeader<ndmsg>(nlh);
+   if (!ndm) return malformed("neighbour message shorter than its header");
+   if (ndm->ndm_family != AF_BRIDGE)
+      return ignored("neighbour of family " + std::to_string(ndm->ndm_family));
+   AttrTable<NDA_MAX> t;
+   if (!parseAttrs(nlh, sizeof(ndmsg), kFdbPolicy, t)) return malformed("fdb: " + t.error);
+   if (!t[NDA_LLADDR]) return malformed("fdb entry without a MAC address");
+   if (ndm->ndm_ifindex <= 0) return malformed("fdb entry without an ifindex");
+   FdbMsg m;
+   m.removed = nlh->nlmsg_type == RTM_DELNEIGH;
+   m.ifindex = ndm->ndm_ifindex;
+   std::array<uint8_t, 6> mac;
+   std::memcpy(mac.data(), mnl_attr_get_payload(t[NDA_LLADDR]), 6);
+   m.mac = EthAddr(mac);
+   if (t[NDA_MASTER]) m.master = int(mnl_attr_get_u32(t[NDA_MASTER]));
+   if (t[NDA_VLAN]) m.vlan = mnl_attr_get_u16(t[NDA_VLAN]);
+   if (m.vlan > 4095) return malformed("fdb entry with VLAN " + std::to_string(m.vlan));
+   m.state = ndm->ndm_state;
+   m.flags = ndm->ndm_flags;
+   return ok(m);
+}
+
+}  // namespace
+
+Digested digestRtnl(const nlmsghdr* nlh, size_t available) {
+   if (available < sizeof(nlmsghdr) || !mnl_nlmsg_ok(nlh, int(available))) {
+      return malformed("truncated netlink message");
+   }
+   switch (nlh->nlmsg_type) {
+      case RTM_NEWLINK:
+      case RTM_DELLINK:
+         return digestLink(nlh);
+      case RTM_NEWADDR:
+      case RTM_DELADDR:
+         return digestAddr(nlh);
+      case RTM_NEWNEIGH:
+      case RTM_DELNEIGH:
+         return digestFdb(nlh);
+      default:
+         return ignored("message type " + std::to_string(nlh->nlmsg_type));
+   }
+}
+
+namespace {
+
+// Netlink headers want 4-byte alignment; a caller's buffer may not have it.
+struct Aligned {
+   explicit Aligned(std::span<const uint8_t> bytes) {
+      if (reinterpret_cast<uintptr_t>(bytes.data()) % alignof(nlmsghdr) == 0) {
+         data = bytes.data();
+      } else {
+         copy.resize((bytes.size() + 3) / 4);
+         std::memcpy(copy.data(), bytes.data(), bytes.size());
+         data = reinterpret_cast<const uint8_t*>(copy.data());
+      }
+      size = bytes.size();
+   }
+   const uint8_t* data = nullptr;
+   size_t size = 0;
+   std::vector<uint32_t> copy;
+};
+
+}  // namespace
+
+Digested digestRtnl(std::span<const uint8_t> bytes) {
+   Aligned a(bytes);
+   return digestRtnl(reinterpret_cast<const nlmsghdr*>(a.data), a.size);
+}
+
+std::vector<Digested> digestRtnlBatch(std::span<const uint8_t> bytes) {
+   Aligned a(bytes);
+   std::vector<Digested> out;
+   auto* nlh = reinterpret_cast<const nlmsghdr*>(a.data);
+   int left = int(a.size);
+   while (mnl_nlmsg_ok(nlh, left)) {
+      out.push_back(digestRtnl(nlh, size_t(left)));
+      nlh = mnl_nlmsg_next(nlh, &left);
+   }
+   if (left > 0) out.push_back(malformed("truncated netlink message"));
+   return out;
+}
+
+std::string str(const RtnlMsg& msg) {
+   std::ostringstream os;
+   if (auto* l = std::get_if<LinkMsg>(&msg)) {
+      os << (l->removed ? "dellink" : "link") << " " << l->ifindex << " " << l->name
+         << " master=" << l->master << " kind=" << (l->kind.empty() ? "-" : l->kind);
+   } else if (auto* a = std::get_if<AddrMsg>(&msg)) {
+      os << (a->removed ? "deladdr" : "addr") << " " << a->ifindex << " " << a->local << "/"
+         << int(a->prefixLen) << " scope " << int(a->scope) << (a->secondary ? " secondary" : "");
+   } else if (auto* f = std::get_if<FdbMsg>(&msg)) {
+      os << (f->removed ? "delfdb" : "fdb") << " " << f->mac << " vlan=" << f->vlan
+         << " port=" << f->ifindex << " master=" << (f->master ? std::to_string(*f->master) : "-")
+         << " state=0x" << std::hex << f->state << " flags=0x" << int(f->flags);
+   }
+   return os.str();
+}
+
+}  // namespace Tavrin::Linux
