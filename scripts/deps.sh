@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages a task needs, only those missing.
-# Usage: scripts/deps.sh build|lab|fuzz ...
+# Usage: scripts/deps.sh build|daemon|lab|fuzz ...
 set -euo pipefail
 
 declare -A sets=(
   [build]="build-essential cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev"
+  [daemon]="libmnl-dev libnftnl-dev libnftables-dev libsqlite3-dev libyaml-cpp-dev libcli11-dev nlohmann-json3-dev nftables"
   [fuzz]="clang libclang-rt-14-dev"
-  [lab]="iproute2 isc-dhcp-server isc-dhcp-client tshark procps"
+  [lab]="iproute2 isc-dhcp-server isc-dhcp-client tshark procps nftables iputils-ping"
 )
 
 want=()

@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/deps.sh build fuzz
+scripts/deps.sh build fuzz daemon
 if [ "$(id -u)" -eq 0 ]; then scripts/deps.sh lab; fi
 
 jobs=$(nproc)
