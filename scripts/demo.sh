@@ -4,7 +4,7 @@
 # published lease, its expiry re-query and renewal.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/deps.sh build
+scripts/deps.sh build daemon
 cmake --preset release >/dev/null
 cmake --build --preset release --target tavrin-sim -j "$(nproc)"
 ./build/release/src/sim/tavrin-sim examples/demo.scn
