@@ -6,6 +6,14 @@ namespace Tavrin {
 
 namespace {
 
+// The member under key as a plain pointer: the check runs after every step of
+// long randomised runs, and copying Ptrs on each lookup would dominate it.
+template <class M, class K>
+const typename M::mapped_type::element_type* in(const M& map, const K& key) {
+   auto it = map.find(key);
+   return it == map.end() ? nullptr : it->second.get();
+}
+
 class Checker {
  public:
    Checker(const LeaseTable& t, const LeaseStatus& s, const Status* p)
@@ -33,7 +41,7 @@ class Checker {
       for (const auto& [mac, client] : table_.macToLeaseAll()) {
          if (client->mac() != mac) fail("macToLease ", mac, " holds the client of ", client->mac());
          if (client->ipMacLeaseByIpSize() == 0) fail("client ", mac, " holds no lease");
-         auto intfSet = table_.interfaceClientLeaseSet(client->intfId());
+         auto intfSet = in(table_.interfaceClientLeaseSetAll(), client->intfId());
          if (!intfSet || !intfSet->clientLeaseHas(client)) {
             fail("client ", mac, " missing from the set of its interface ", client->intfId());
          }
@@ -47,15 +55,15 @@ class Checker {
          if (lease->ip() != ip || lease->mac() != client.mac()) {
             fail("client ", client.mac(), " files lease ", lease->key(), " under ip ", ip);
          }
-         if (table_.ipToLease(ip).get() != &client) {
+         if (in(table_.ipToLeaseAll(), ip) != &client) {
             fail("ipToLease ", ip, " does not name client ", client.mac());
          }
-         auto set = client.dhcpLeaseSet(lease->dhcpAddr());
+         auto set = in(client.dhcpLeaseSetAll(), lease->dhcpAddr());
          if (!set || !set->ipMacLeaseHas(lease)) {
             fail("lease ", lease->key(), " missing from its server set in client ", client.mac());
          }
-         auto persisted = status_.interfaceLeaseSet(client.intfId());
-         if (!persisted || persisted->ipMacLease(lease->key()) != lease) {
+         auto persisted = in(status_.interfaceLeaseSetAll(), client.intfId());
+         if (!persisted || in(persisted->ipMacLeaseAll(), lease->key()) != lease.get()) {
             fail("lease ", lease->key(), " of client on ", client.intfId(),
                  " is not persisted there");
          }
@@ -75,7 +83,7 @@ class Checker {
          for (const auto& lease : set->ipMacLeaseAll()) {
             if (lease->dhcpAddr() != server)
                fail("lease ", lease->key(), " in the set of ", server);
-            if (client->ipMacLeaseByIp(lease->ip()) != lease) {
+            if (in(client->ipMacLeaseByIpAll(), lease->ip()) != lease.get()) {
                fail("client ", client->mac(), " server set of ", server, " keeps a dead lease ",
                     lease->key());
             }
@@ -87,7 +95,7 @@ class Checker {
             fail("client ", client->mac(), " server ", server, " newest time ",
                  set->newestLastTransactionTime(), " but its newest lease has ", newest);
          }
-         auto serverSet = table_.dhcpServerLeaseSet(server);
+         auto serverSet = in(table_.dhcpServerLeaseSetAll(), server);
          if (!serverSet || !serverSet->clientLeaseHas(client)) {
             fail("client ", client->mac(), " missing from the client set of server ", server);
          }
@@ -100,11 +108,13 @@ class Checker {
 
    void checkIpToLease() {
       for (const auto& [ip, client] : table_.ipToLeaseAll()) {
-         if (table_.macToLease(client->mac()) != client) {
+         if (in(table_.macToLeaseAll(), client->mac()) != client.get()) {
             fail("ipToLease ", ip,
                  " names a client that macToLease does not hold: ", client->mac());
          }
-         if (!client->ipMacLeaseByIp(ip)) fail("ipToLease ", ip, " names a client without it");
+         if (!in(client->ipMacLeaseByIpAll(), ip)) {
+            fail("ipToLease ", ip, " names a client without it");
+         }
       }
    }
 
@@ -112,10 +122,10 @@ class Checker {
       for (const auto& [server, set] : table_.dhcpServerLeaseSetAll()) {
          if (set->dhcpAddr() != server) fail("server set of ", set->dhcpAddr(), " under ", server);
          for (const auto& client : set->clientLeaseAll()) {
-            if (table_.macToLease(client->mac()) != client) {
+            if (in(table_.macToLeaseAll(), client->mac()) != client.get()) {
                fail("server ", server, " lists a dead client ", client->mac());
             }
-            if (!client->dhcpLeaseSet(server)) {
+            if (!in(client->dhcpLeaseSetAll(), server)) {
                fail("server ", server, " lists client ", client->mac(), " without its leases");
             }
          }
@@ -126,7 +136,7 @@ class Checker {
       for (const auto& [intf, set] : table_.interfaceClientLeaseSetAll()) {
          if (set->intfId() != intf) fail("interface set of ", set->intfId(), " under ", intf);
          for (const auto& client : set->clientLeaseAll()) {
-            if (table_.macToLease(client->mac()) != client) {
+            if (in(table_.macToLeaseAll(), client->mac()) != client.get()) {
                fail("interface ", intf, " lists a dead client ", client->mac());
             }
             if (client->intfId() != intf) {
@@ -142,8 +152,9 @@ class Checker {
          for (const auto& [key, lease] : set->ipMacLeaseAll()) {
             ++persisted;
             if (!(lease->key() == key)) fail("persisted lease ", lease->key(), " under key ", key);
-            auto client = table_.macToLease(key.mac);
-            if (!client || client->intfId() != intf || client->ipMacLeaseByIp(key.ip) != lease) {
+            auto client = in(table_.macToLeaseAll(), key.mac);
+            if (!client || client->intfId() != intf ||
+                in(client->ipMacLeaseByIpAll(), key.ip) != lease.get()) {
                fail("persisted lease ", key, " on ", intf, " is not indexed");
             }
          }
