@@ -26,52 +26,6 @@ Ptr<T> namedIs(std::map<std::string, Ptr<Rt::EntityBase>>& named, const std::str
 
 }  // namespace
 
-// ---------------------------------------------------------------- packet access
-
-Ptr<Rt::Pkt> LinuxPam::rxPkt() {
-   if (rx_.empty()) return nullptr;
-   auto pkt = std::move(rx_.front());
-   rx_.pop_front();
-   return pkt;
-}
-
-void LinuxPam::deliver(const std::vector<Ptr<Rt::Pkt>>& frames) {
-   size_t queuedBefore = rx_.size();
-   for (const auto& f : frames) {
-      if (rx_.size() >= kQueueMax) {
-         ++drops_;
-         continue;
-      }
-      rx_.push_back(f);
-   }
-   if (rx_.size() != queuedBefore) readableCountInc();
-}
-
-LinuxEthDevPamManager::LinuxEthDevPamManager(Ptr<const Platform::PamDesiredIntfDir> desired,
-                                             Ptr<Platform::EthDevPamCollection> collection)
-    : desired_(std::move(desired)), collection_(std::move(collection)) {}
-
-LinuxEthDevPamManager::~LinuxEthDevPamManager() = default;
-
-void LinuxEthDevPamManager::enabledIs(bool enabled) {
-   if (enabled_ == enabled) return;
-   enabled_ = enabled;
-   if (!enabled_) {
-      reactor_.reset();
-      return;
-   }
-   reactor_ = std::make_unique<DesiredReactor>(*this, desired_);
-   for (auto i : desired_->intfDesiredAll()) sync(i);
-}
-
-void LinuxEthDevPamManager::sync(IntfId i) {
-   if (desired_->intfDesired(i)) {
-      if (!collection_->intfPam(i)) collection_->intfPamIs(i, Rt::makePtr<LinuxPam>(i));
-   } else {
-      collection_->intfPamDel(i);
-   }
-}
-
 // ---------------------------------------------------------------- platform
 
 std::string traceFileFor(const std::string& dir, const std::string& fileName, long pid) {
@@ -168,7 +122,8 @@ Ptr<Platform::EthDevPamCollection> LinuxPlatform::ethDevPamCollectionIs(const st
 Ptr<Platform::EthDevPamManager> LinuxPlatform::ethDevPamManagerIs(
     Ptr<const Platform::PamDesiredIntfDir> desired, Ptr<Platform::EthDevPamCollection> collection,
     Ptr<const Platform::DeviceIntfStatusDir>) {
-   pamManager_ = Rt::makePtr<LinuxEthDevPamManager>(std::move(desired), std::move(collection));
+   pamManager_ =
+       Rt::makePtr<NflogPamManager>(std::move(desired), std::move(collection), scheduler());
    return pamManager_;
 }
 

@@ -5,13 +5,13 @@
 #pragma once
 
 #include <cstdio>
-#include <deque>
 #include <map>
 #include <memory>
 #include <string>
 
 #include "linux/EventLoop.h"
 #include "linux/LinuxUdpPam.h"
+#include "linux/NflogPamManager.h"
 #include "platform/Framework.h"
 #include "platform/PacketAccess.h"
 #include "platform/Services.h"
@@ -19,55 +19,6 @@
 #include "rt/Trace.h"
 
 namespace Tavrin::Linux {
-
-// Packet access on one interface. It receives what its feeder delivers;
-// until trapped packets are read from the kernel nothing feeds it.
-class LinuxPam final : public Platform::Pam {
- public:
-   static constexpr size_t kQueueMax = 4096;
-   using Platform::Pam::Pam;
-   Ptr<Rt::Pkt> rxPkt() override;
-   // Queues frames (dropping beyond kQueueMax) and tells the reader once.
-   void deliver(const std::vector<Ptr<Rt::Pkt>>& frames);
-   size_t queued() const { return rx_.size(); }
-   uint64_t drops() const { return drops_; }
-
- private:
-   std::deque<Ptr<Rt::Pkt>> rx_;
-   uint64_t drops_ = 0;
-};
-
-// Keeps one LinuxPam in the collection for every desired interface while
-// enabled.
-class LinuxEthDevPamManager final : public Platform::EthDevPamManager {
- public:
-   LinuxEthDevPamManager(Ptr<const Platform::PamDesiredIntfDir> desired,
-                         Ptr<Platform::EthDevPamCollection> collection);
-   ~LinuxEthDevPamManager() override;
-   void ethProtocolIs(uint16_t protocol) override { protocol_ = protocol; }
-   uint16_t ethProtocol() const { return protocol_; }
-   void enabledIs(bool enabled) override;
-   bool enabled() const { return enabled_; }
-   const Ptr<Platform::EthDevPamCollection>& collection() const { return collection_; }
-
- private:
-   class DesiredReactor : public Platform::PamDesiredIntfDir::Notifiee {
-    public:
-      DesiredReactor(LinuxEthDevPamManager& m, const Ptr<const Platform::PamDesiredIntfDir>& d)
-          : Platform::PamDesiredIntfDir::Notifiee(d), m_(m) {}
-      void onIntfDesired(IntfId i) override { m_.sync(i); }
-
-    private:
-      LinuxEthDevPamManager& m_;
-   };
-   void sync(IntfId i);
-
-   Ptr<const Platform::PamDesiredIntfDir> desired_;
-   Ptr<Platform::EthDevPamCollection> collection_;
-   std::unique_ptr<DesiredReactor> reactor_;
-   uint16_t protocol_ = 0;
-   bool enabled_ = false;
-};
 
 // The clock lives in a base so that it exists before the framework's scheduler.
 struct SystemClockHolder {
@@ -117,7 +68,7 @@ class LinuxPlatform : private SystemClockHolder,
    // What the running agent made through the services; empty before it asked.
    Ptr<LinuxUdpPam> udpPam(const std::string& name) const;
    const std::map<std::string, Ptr<LinuxUdpPam>>& udpPamAll() const { return udpPams_; }
-   Ptr<LinuxEthDevPamManager> ethDevPamManager() const { return pamManager_; }
+   Ptr<NflogPamManager> ethDevPamManager() const { return pamManager_; }
 
  protected:
    void agentStopped() override;
@@ -137,7 +88,7 @@ class LinuxPlatform : private SystemClockHolder,
    bool traceToStderr_ = false;
    std::map<std::string, Ptr<LinuxUdpPam>> udpPams_;
    std::map<std::string, Ptr<Rt::EntityBase>> named_;
-   Ptr<LinuxEthDevPamManager> pamManager_;
+   Ptr<NflogPamManager> pamManager_;
 };
 
 // The trace file's path: dir / fileName with "%d" replaced by pid (the

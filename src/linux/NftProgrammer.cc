@@ -299,7 +299,7 @@ bool NftProgrammer::resync() {
       }
       openNotifications();
    } catch (const Nft::NftError& e) {
-      failed(std::string("following table bridge tavrin: ") + e.what());
+      failed("following table bridge " + std::string(Nft::kTable) + ": " + e.what());
       return false;
    }
    auto dump = Nft::dumpTable(*commands_, seq_);
