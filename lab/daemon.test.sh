@@ -46,7 +46,6 @@
 set -u -o pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-ROOT=$(dirname "$HERE")
 # shellcheck source=lib.sh
 . "$HERE/lib.sh"
 
@@ -60,32 +59,8 @@ lab_need_pkgs isc-dhcp-server isc-dhcp-client jq sqlite3 ||
    lab_die "needs isc-dhcp-server, isc-dhcp-client, jq and sqlite3 (apt-get install failed)"
 command -v ping >/dev/null || lab_need_pkgs iputils-ping || lab_die "needs ping (iputils-ping)"
 
-# find_bin NAME VAR SUBDIR: the program from VAR, from the build next to
-# LQ_PROBE, or built here.
-find_bin() {
-   local name=$1 var=$2 sub=$3 dir
-   if [ -n "${!var:-}" ]; then
-      [ -x "${!var}" ] || lab_die "$var=${!var} is not executable"
-      printf '%s' "${!var}"
-      return
-   fi
-   if [ -n "${LQ_PROBE:-}" ]; then
-      dir=$(dirname "$(dirname "$LQ_PROBE")")
-      [ -x "$dir/$sub/$name" ] && { printf '%s' "$dir/$sub/$name"; return; }
-   fi
-   if [ ! -x "$W/build/$sub/$name" ]; then
-      command -v cmake >/dev/null || lab_die "needs cmake to build $name (or set $var)"
-      lab_log "building $name"
-      cmake -S "$ROOT" -B "$W/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVRIN_TESTS=OFF \
-         >>"$W/build.log" 2>&1 && cmake --build "$W/build" --target "$name" >>"$W/build.log" 2>&1 || {
-         tail -n 30 "$W/build.log" >&2
-         lab_die "$name did not build"
-      }
-   fi
-   printf '%s' "$W/build/$sub/$name"
-}
-TAVRIND_BIN=$(find_bin tavrind TAVRIND src/daemon) || exit 2
-TAVRINCTL_BIN=$(find_bin tavrinctl TAVRINCTL src/daemon) || exit 2
+TAVRIND_BIN=$(lab_bin tavrind TAVRIND src/daemon) || exit 2
+TAVRINCTL_BIN=$(lab_bin tavrinctl TAVRINCTL src/daemon) || exit 2
 
 # ---------------------------------------------------------------- network
 
@@ -143,16 +118,10 @@ subnet $NET.3.0 netmask 255.255.255.0 {
    allow leasequery;
 }
 EOF
-: >"$W/dhcpd.leases"
-lab_spawn srv "$W/dhcpd.log" dhcpd -f -d -4 -cf "$W/dhcpd.conf" -lf "$W/dhcpd.leases" \
-   -pf "$W/dhcpd.pid" lan0 rly0
+lab_dhcpd srv lan0 rly0 || lab_die "dhcpd did not start"
 DHCPD_PID=$LAB_PID
 # A case stops dhcpd for a while; whatever happens, it is not left stopped.
 lab_defer "kill -CONT $DHCPD_PID"
-lab_wait 10 grep -qs "Server starting service" "$W/dhcpd.log" || {
-   cat "$W/dhcpd.log" >&2
-   lab_die "dhcpd did not start"
-}
 
 # ---------------------------------------------------------------- helpers
 

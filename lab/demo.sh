@@ -27,7 +27,6 @@
 set -u -o pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-ROOT=$(dirname "$HERE")
 # shellcheck source=lib.sh
 . "$HERE/lib.sh"
 
@@ -43,19 +42,8 @@ show() { sed 's/^/   /'; }
 lab_need_pkgs isc-dhcp-server isc-dhcp-client nftables iputils-ping ||
    lab_die "needs isc-dhcp-server, isc-dhcp-client, nftables and iputils-ping"
 
-if [ -z "$BUILD" ]; then
-   command -v cmake >/dev/null || lab_die "needs cmake to build tavrind (or give a build directory)"
-   BUILD=$W/build
-   lab_log "building tavrind and tavrinctl"
-   cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVRIN_TESTS=OFF \
-      >"$W/build.log" 2>&1 && cmake --build "$BUILD" --target tavrind tavrinctl >>"$W/build.log" 2>&1 || {
-      tail -n 30 "$W/build.log" >&2
-      lab_die "tavrind did not build"
-   }
-fi
-TAVRIND=$BUILD/src/daemon/tavrind
-TAVRINCTL=$BUILD/src/daemon/tavrinctl
-[ -x "$TAVRIND" ] && [ -x "$TAVRINCTL" ] || lab_die "no tavrind and tavrinctl in $BUILD/src/daemon"
+TAVRIND=$(lab_bin tavrind TAVRIND src/daemon "$BUILD") || exit 2
+TAVRINCTL=$(lab_bin tavrinctl TAVRINCTL src/daemon "$BUILD") || exit 2
 
 # ---------------------------------------------------------------- network
 
@@ -95,13 +83,7 @@ subnet $NET.1.0 netmask 255.255.255.0 {
    allow leasequery;
 }
 EOF
-: >"$W/dhcpd.leases"
-lab_spawn srv "$W/dhcpd.log" dhcpd -f -d -4 -cf "$W/dhcpd.conf" -lf "$W/dhcpd.leases" \
-   -pf "$W/dhcpd.pid" lan0
-lab_wait 10 grep -qs "Server starting service" "$W/dhcpd.log" || {
-   cat "$W/dhcpd.log" >&2
-   lab_die "dhcpd did not start"
-}
+lab_dhcpd srv lan0 || lab_die "dhcpd did not start"
 
 # ---------------------------------------------------------------- tavrind
 

@@ -108,14 +108,8 @@ subnet $NET.3.0 netmask 255.255.255.0 {
    deny leasequery;
 }
 EOF
-: >"$W/dhcpd.leases"
-lab_spawn srv "$W/dhcpd.log" dhcpd -f -d -4 -cf "$W/dhcpd.conf" -lf "$W/dhcpd.leases" \
-   -pf "$W/dhcpd.pid" lan0 rly0
+lab_dhcpd srv lan0 rly0 || lab_die "dhcpd did not start"
 DHCPD_PID=$LAB_PID
-lab_wait 10 grep -qs "Server starting service" "$W/dhcpd.log" || {
-   cat "$W/dhcpd.log" >&2
-   lab_die "dhcpd did not start"
-}
 
 # ---------------------------------------------------------------- capture
 

@@ -257,3 +257,51 @@ lab_summary() {
    printf '%s: %d passed, %d failed%s\n' "$LAB_NAME" "$LAB_PASSED" "$LAB_FAILED" "$extra"
    [ "$LAB_FAILED" = 0 ] && [ "$LAB_PASSED" -gt 0 ]
 }
+
+# ---------------------------------------------------------------- programs
+
+# lab_bin NAME VAR SUBDIR [BUILD_DIR]: the path of one of this tree's
+# programs: the file named by the variable VAR if set, else BUILD_DIR/SUBDIR/
+# NAME, else the build next to LQ_PROBE (scripts/test.sh sets it), else
+# built from this tree into the run's work directory.
+lab_bin() {
+   local name=$1 var=$2 sub=$3 build=${4:-} root
+   if [ -n "${!var:-}" ]; then
+      [ -x "${!var}" ] || lab_die "$var=${!var} is not executable"
+      printf '%s' "${!var}"
+      return
+   fi
+   if [ -z "$build" ] && [ -n "${LQ_PROBE:-}" ]; then build=$(dirname "$(dirname "$LQ_PROBE")"); fi
+   if [ -n "$build" ] && [ -x "$build/$sub/$name" ]; then
+      printf '%s' "$build/$sub/$name"
+      return
+   fi
+   build=$LAB_WORK/build
+   if [ ! -x "$build/$sub/$name" ]; then
+      command -v cmake >/dev/null || lab_die "needs cmake to build $name (or set $var)"
+      root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+      lab_log "building $name"
+      cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVRIN_TESTS=OFF \
+         -DTAVRIN_BENCH=OFF >>"$LAB_WORK/build.log" 2>&1 &&
+         cmake --build "$build" --target "$name" >>"$LAB_WORK/build.log" 2>&1 || {
+         tail -n 30 "$LAB_WORK/build.log" >&2
+         lab_die "$name did not build"
+      }
+   fi
+   printf '%s' "$build/$sub/$name"
+}
+
+# lab_dhcpd NS IFACE...: ISC dhcpd in the foreground in namespace NS on the
+# given interfaces, with $LAB_WORK/dhcpd.conf, a fresh lease file, and its
+# log in $LAB_WORK/dhcpd.log; LAB_PID is its pid. Returns once it serves.
+lab_dhcpd() {
+   local ns=$1
+   shift
+   : >"$LAB_WORK/dhcpd.leases"
+   lab_spawn "$ns" "$LAB_WORK/dhcpd.log" dhcpd -f -d -4 -cf "$LAB_WORK/dhcpd.conf" \
+      -lf "$LAB_WORK/dhcpd.leases" -pf "$LAB_WORK/dhcpd.pid" "$@"
+   lab_wait 10 grep -qs "Server starting service" "$LAB_WORK/dhcpd.log" && return 0
+   cat "$LAB_WORK/dhcpd.log" >&2
+   lab_log "dhcpd did not start"
+   return 1
+}

@@ -8,8 +8,9 @@
 # its (port, MAC, IP) to the nftables set `allowed`. Two monitors in the
 # switch's namespace stamp, as the kernel announces them, each MAC the
 # bridge learns (`bridge monitor fdb`) and each element the set gains
-# (`nft monitor`); the delay between the two is measured for every client
-# and the figures printed.
+# (`nft monitor`); the delay from the later of the MAC's learning and the
+# client's ACK to its element is measured for every client and the figures
+# printed.
 #
 # Topology (every name carries a per-run token; all torn down at exit):
 #
@@ -25,7 +26,6 @@
 set -u -o pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-ROOT=$(dirname "$HERE")
 # shellcheck source=lib.sh
 . "$HERE/lib.sh"
 
@@ -41,22 +41,9 @@ W=$LAB_WORK
 lab_need_pkgs isc-dhcp-server nftables iproute2 || lab_die "needs isc-dhcp-server and nftables"
 command -v python3 >/dev/null || lab_die "needs python3 to stamp and compare the events"
 
-BUILD=${1:-}
-if [ -z "$BUILD" ] && [ -n "${LQ_PROBE:-}" ]; then BUILD=$(dirname "$(dirname "$LQ_PROBE")"); fi
-if [ -z "$BUILD" ] || [ ! -x "$BUILD/src/daemon/tavrind" ] || [ ! -x "$BUILD/lab/dhcp-swarm" ]; then
-   command -v cmake >/dev/null || lab_die "needs cmake to build tavrind (or give a build directory)"
-   BUILD=$W/build
-   lab_log "building tavrind, tavrinctl and dhcp-swarm"
-   cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVRIN_TESTS=OFF \
-      >"$W/build.log" 2>&1 &&
-      cmake --build "$BUILD" --target tavrind tavrinctl dhcp-swarm >>"$W/build.log" 2>&1 || {
-      tail -n 30 "$W/build.log" >&2
-      lab_die "the tools did not build"
-   }
-fi
-TAVRIND=$BUILD/src/daemon/tavrind
-TAVRINCTL=$BUILD/src/daemon/tavrinctl
-SWARM=$BUILD/lab/dhcp-swarm
+TAVRIND=$(lab_bin tavrind TAVRIND src/daemon "${1:-}") || exit 2
+TAVRINCTL=$(lab_bin tavrinctl TAVRINCTL src/daemon "${1:-}") || exit 2
+SWARM=$(lab_bin dhcp-swarm DHCP_SWARM lab "${1:-}") || exit 2
 
 # ---------------------------------------------------------------- network
 
@@ -88,13 +75,7 @@ subnet $NET.0.0 netmask 255.255.240.0 {
    allow leasequery;
 }
 EOF
-: >"$W/dhcpd.leases"
-lab_spawn srv "$W/dhcpd.log" dhcpd -f -d -4 -cf "$W/dhcpd.conf" -lf "$W/dhcpd.leases" \
-   -pf "$W/dhcpd.pid" lan0
-lab_wait 10 grep -qs "Server starting service" "$W/dhcpd.log" || {
-   cat "$W/dhcpd.log" >&2
-   lab_die "dhcpd did not start"
-}
+lab_dhcpd srv lan0 || lab_die "dhcpd did not start"
 
 # ---------------------------------------------------------------- tavrind
 
@@ -176,12 +157,13 @@ fdb_log, nft_log, swarm_out, clients, limit = sys.argv[1:6]
 clients, limit = int(clients), float(limit)
 mac_re = re.compile(r"02:00:5e:5[0-9a-f](?::[0-9a-f]{2}){2}")
 ours = set()
-leased = {}
+leased, bound = {}, {}
 for line in open(swarm_out):
-    mac, ip = line.split()[:2]
+    mac, ip, _, ack = line.split()[:4]
     ours.add(mac)
     if ip != "-":
         leased[mac] = ip
+        bound[mac] = float(ack)
 learned, installed = {}, {}
 for line in open(fdb_log):
     t, rest = line.split(" ", 1)
@@ -194,6 +176,7 @@ for line in open(nft_log):
     for mac, ip in re.findall(r"(02:00:5e:5[0-9a-f](?::[0-9a-f]{2}){2}) \. ([0-9.]+)", rest):
         installed.setdefault(mac, (float(t), ip))
 delays, late, missing, wrong = [], [], [], []
+late_bound = 0
 for mac in sorted(ours):
     if mac not in learned or mac not in installed:
         missing.append(mac)
@@ -201,7 +184,12 @@ for mac in sorted(ours):
     t, ip = installed[mac]
     if leased.get(mac) != ip:
         wrong.append(mac)
-    d = t - learned[mac]
+    # The bridge learns a MAC from its first DISCOVER; until the ACK there is
+    # no lease to install, so a slow server's time is not the agent's.
+    start = max(learned[mac], bound.get(mac, 0.0))
+    if bound.get(mac, 0.0) > learned[mac] + 1.0:
+        late_bound += 1
+    d = t - start
     delays.append(d)
     if d > limit:
         late.append(mac)
@@ -211,9 +199,10 @@ def pct(p):
 print("clients %d, learned %d, installed %d" % (clients, len(learned.keys() & ours), len(installed.keys() & ours)))
 if delays:
     span = max(t for t, _ in installed.values()) - min(learned.values())
-    print("learned to installed (s): min %.3f median %.3f p95 %.3f p99 %.3f max %.3f" %
+    print("learned or bound, to installed (s): min %.3f median %.3f p95 %.3f p99 %.3f max %.3f" %
           (delays[0], pct(0.5), pct(0.95), pct(0.99), delays[-1]))
     print("first learned to last installed: %.3f s" % span)
+print("bound only after the first lease query (a second after learning): %d" % late_bound)
 print("over %.1f s: %d; not learned or not installed: %d; installed with another address: %d" %
       (limit, len(late), len(missing), len(wrong)))
 ok = len(delays) == clients and not late and not missing and not wrong
