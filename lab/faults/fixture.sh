@@ -39,6 +39,8 @@ fx_tools() {
          lab_die "the tools did not build"
       }
    fi
+   # Absolute: nsenter starts programs from another working directory.
+   build=$(cd "$build" && pwd)
    TAVRIND=$build/src/daemon/tavrind
    TAVRINCTL=$build/src/daemon/tavrinctl
    SWARM=$build/lab/dhcp-swarm
