@@ -7,6 +7,7 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <sstream>
@@ -211,12 +212,15 @@ Digested digestFdb(const nlmsghdr* nlh) {
    return ok(m);
 }
 
-}  // namespace
+// Whether the message's own length fits the bytes there are. Not
+// mnl_nlmsg_ok: it compares nlmsg_len as a signed int, so a length of 2 GiB
+// or more passes as fitting and the walk after it leaves the buffer.
+bool fits(const nlmsghdr* nlh, size_t available) {
+   return available >= sizeof(nlmsghdr) && nlh->nlmsg_len >= sizeof(nlmsghdr) &&
+          nlh->nlmsg_len <= available;
+}
 
-Digested digestRtnl(const nlmsghdr* nlh, size_t available) {
-   if (available < sizeof(nlmsghdr) || !mnl_nlmsg_ok(nlh, int(available))) {
-      return malformed("truncated netlink message");
-   }
+Digested digestFitting(const nlmsghdr* nlh) {
    switch (nlh->nlmsg_type) {
       case RTM_NEWLINK:
       case RTM_DELLINK:
@@ -230,6 +234,21 @@ Digested digestRtnl(const nlmsghdr* nlh, size_t available) {
       default:
          return ignored("message type " + std::to_string(nlh->nlmsg_type));
    }
+}
+
+}  // namespace
+
+Digested digestRtnl(const nlmsghdr* nlh, size_t available) {
+   if (!fits(nlh, available)) return malformed("truncated netlink message");
+   // libmnl walks attributes up to the length rounded up to 4 bytes. The
+   // last message of a buffer need not carry that padding: it gets it here,
+   // zeroed, rather than have the walk read past the buffer.
+   if (NLMSG_ALIGN(nlh->nlmsg_len) > available) {
+      std::vector<uint32_t> padded(NLMSG_ALIGN(nlh->nlmsg_len) / 4);
+      std::memcpy(padded.data(), nlh, nlh->nlmsg_len);
+      return digestFitting(reinterpret_cast<const nlmsghdr*>(padded.data()));
+   }
+   return digestFitting(nlh);
 }
 
 namespace {
@@ -261,13 +280,20 @@ Digested digestRtnl(std::span<const uint8_t> bytes) {
 std::vector<Digested> digestRtnlBatch(std::span<const uint8_t> bytes) {
    Aligned a(bytes);
    std::vector<Digested> out;
-   auto* nlh = reinterpret_cast<const nlmsghdr*>(a.data);
-   int left = int(a.size);
-   while (mnl_nlmsg_ok(nlh, left)) {
-      out.push_back(digestRtnl(nlh, size_t(left)));
-      nlh = mnl_nlmsg_next(nlh, &left);
+   const uint8_t* at = a.data;
+   size_t left = a.size;
+   while (left > 0) {
+      const auto* nlh = reinterpret_cast<const nlmsghdr*>(at);
+      if (!fits(nlh, left)) {
+         out.push_back(malformed("truncated netlink message"));
+         break;
+      }
+      out.push_back(digestRtnl(nlh, left));
+      // The last message need not be padded to the alignment.
+      const size_t step = std::min<size_t>(NLMSG_ALIGN(nlh->nlmsg_len), left);
+      at += step;
+      left -= step;
    }
-   if (left > 0) out.push_back(malformed("truncated netlink message"));
    return out;
 }
 

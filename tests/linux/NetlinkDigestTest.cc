@@ -375,6 +375,54 @@ TEST(NetlinkDigest, aBatchYieldsEveryMessageAndFlagsTrailingBytes) {
    EXPECT_EQ(cut[2].status, Status::malformed);
 }
 
+// Found by fuzzing: a length of 2 GiB or more passed for one that fits
+// (it was compared as a signed int), so the message was read, and the next
+// one looked for, far past the buffer.
+TEST(NetlinkDigest, aLengthBeyondTwoGibibytesIsMalformedAndEndsTheBatch) {
+   const auto found = hex(
+       "4c0000fd13000000b7fb001b016bbe000218810002000000080001000a090002080002000a09"
+       "00020800030062723000080008008100000014000600ffffffffffffffffa4ef0200a4ef0200");
+   auto foundBatch = digestRtnlBatch(found);
+   ASSERT_EQ(foundBatch.size(), 1u);
+   EXPECT_EQ(foundBatch[0].status, Status::malformed);
+
+   auto huge = hex(kFdbLearned);
+   for (uint32_t len : {0x80000000u, 0xfd00004cu, 0xffffffffu}) {
+      std::memcpy(huge.data(), &len, sizeof len);
+      Digested one = digestRtnl(huge);
+      EXPECT_EQ(one.status, Status::malformed) << std::hex << len;
+
+      auto batch = hex(kFdbLearned);
+      batch.insert(batch.end(), huge.begin(), huge.end());
+      auto all = digestRtnlBatch(batch);
+      ASSERT_EQ(all.size(), 2u) << std::hex << len;
+      EXPECT_EQ(all[0].status, Status::ok);
+      EXPECT_EQ(all[1].status, Status::malformed);
+   }
+}
+
+// Found by fuzzing: libmnl walks attributes up to the length rounded up
+// to 4, so a last message without its padding was read past the buffer
+// (the sanitize build reports it). Here the message ends one byte into an
+// attribute header: read within its 77 bytes, the header does not fit.
+TEST(NetlinkDigest, aLastMessageWithoutItsPaddingIsReadWithinItsBytes) {
+   auto found = hex(
+       "4d00000014000000fbbe016bad1b00000218800002000000080001000a090001080002000a09"
+       "00010800030062723000080000800800000014000600ffffffffffffffffa3ef020040a3b40204");
+   ASSERT_EQ(found.size(), 77u);
+   Digested d = digestRtnl(found);
+   ASSERT_EQ(d.status, Status::ok) << d.reason;
+   EXPECT_EQ(std::get<AddrMsg>(d.msg).local, ip("10.9.0.1"));
+
+   found.back() = 0x01;  // an attribute header that cannot be whole
+   EXPECT_EQ(digestRtnl(found).status, Status::malformed);
+   auto batch = hex(kFdbLearned);
+   batch.insert(batch.end(), found.begin(), found.end());
+   auto all = digestRtnlBatch(batch);
+   ASSERT_EQ(all.size(), 2u);
+   EXPECT_EQ(all[1].status, Status::malformed);
+}
+
 TEST(NetlinkDigest, readsBytesAtAnyAlignment) {
    auto bytes = hex(kFdbLearned);
    std::vector<uint8_t> shifted(bytes.size() + 1);
