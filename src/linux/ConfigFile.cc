@@ -1,5 +1,7 @@
 #include "linux/ConfigFile.h"
 
+#include <yaml-cpp/eventhandler.h>
+#include <yaml-cpp/parser.h>
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
@@ -247,6 +249,43 @@ const std::array<ConfigReader::KeyRule, 8> ConfigReader::kRules = {{
     {"data-plane", false, &ConfigReader::readDataPlane},
 }};
 
+// Counts documents, and finds the line where the second one's content starts.
+struct DocumentCounter : YAML::EventHandler {
+   int documents = 0;
+   int secondLine = 0;
+   // The second document starts where the first did: the parser is stuck
+   // on a token it cannot place.
+   bool stuck = false;
+
+   void OnDocumentStart(const YAML::Mark& m) override {
+      if (++documents == 1) first_ = m.pos;
+      if (documents == 2) stuck = m.pos == first_;
+   }
+   void OnDocumentEnd() override {}
+   void OnNull(const YAML::Mark& m, YAML::anchor_t) override { node(m); }
+   void OnAlias(const YAML::Mark& m, YAML::anchor_t) override { node(m); }
+   void OnScalar(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                 const std::string&) override {
+      node(m);
+   }
+   void OnSequenceStart(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                        YAML::EmitterStyle::value) override {
+      node(m);
+   }
+   void OnSequenceEnd() override {}
+   void OnMapStart(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                   YAML::EmitterStyle::value) override {
+      node(m);
+   }
+   void OnMapEnd() override {}
+
+ private:
+   int first_ = 0;
+   void node(const YAML::Mark& m) {
+      if (documents == 2 && secondLine == 0) secondLine = m.line < 0 ? 1 : m.line + 1;
+   }
+};
+
 std::string onOff(bool v) {
    return v ? "on" : "off";
 }
@@ -260,11 +299,22 @@ std::string ConfigError::str() const {
 
 ConfigResult parseConfig(std::string_view text, const std::string& fileName) {
    try {
-      std::vector<YAML::Node> docs = YAML::LoadAll(std::string(text));
-      if (docs.size() > 1) {
-         return ConfigError{fileName, lineOf(docs[1]), "only one YAML document is allowed"};
+      const std::string whole(text);
+      // Never YAML::LoadAll: on a file that starts with a flow separator
+      // (",") each document it reads consumes nothing, and it never returns.
+      // Two documents are all it takes to refuse the file.
+      std::istringstream in(whole);
+      YAML::Parser parser(in);
+      DocumentCounter counter;
+      while (counter.documents < 2 && parser.HandleNextDocument(counter)) {
       }
-      return ConfigReader().read(docs.empty() ? YAML::Node() : docs.front());
+      if (counter.stuck) {
+         return ConfigError{fileName, counter.secondLine, "not valid YAML"};
+      }
+      if (counter.documents > 1) {
+         return ConfigError{fileName, counter.secondLine, "only one YAML document is allowed"};
+      }
+      return ConfigReader().read(YAML::Load(whole));
    } catch (const Refusal& r) {
       return ConfigError{fileName, r.line, r.reason};
    } catch (const YAML::Exception& e) {

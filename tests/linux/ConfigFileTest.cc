@@ -99,6 +99,9 @@ TEST(ConfigFile, badFilesAreRefusedWithTheirLineAndReason) {
        {kRequired + "data-plane: 5\n", "t.yaml:4: data-plane: expected a mapping of settings"},
        {kRequired + "---\nbridge: br1\n", "t.yaml:5: only one YAML document is allowed"},
        {kRequired + "interfaces: [swp1\n", "t.yaml:5: end of sequence flow not found"},
+       // Found by fuzzing: yaml-cpp's LoadAll never returned on these.
+       {",", "t.yaml:1: not valid YAML"},
+       {"\n\n,,,``", "t.yaml:3: not valid YAML"},
    };
    for (const auto& c : cases) {
       EXPECT_EQ(refusal(c.text), c.expected) << "file:\n" << c.text;
