@@ -143,7 +143,9 @@ fx_allowed() {
 # the configured file; NSENTER (a command prefix) reads it from another
 # mount namespace.
 fx_db_leases() {
-   ${NSENTER:-} sqlite3 -readonly "${1:-$LAB_WORK/tavrin.db}" \
+   # Readers wait for each other: after a kill -9 the first one to open the
+   # file recovers its WAL, holding a lock meanwhile.
+   ${NSENTER:-} sqlite3 -readonly -cmd ".timeout 5000" "${1:-$LAB_WORK/tavrin.db}" \
       "SELECT interface || ' ' || mac || ' ' || ip FROM lease;" | sort
 }
 

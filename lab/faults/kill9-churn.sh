@@ -28,7 +28,8 @@
 #
 # Usage: sudo lab/faults/kill9-churn.sh [BUILD_DIR]
 #   QUICK=1: 3 kills, 1,000 leases. Default: 20 kills, 10,000 leases.
-#   KILLS, LEASES, BATCH, RATE (new clients a second) override.
+#   KILLS, LEASES, BATCH, RATE (new clients a second) override; KEEP=DIR
+#   keeps the run's logs and snapshots there.
 
 set -u -o pipefail
 
@@ -81,12 +82,14 @@ lab_defer "kill $LEASER"
 
 # Withdrawing and relearning: bounded by a count and by the stop file.
 now_ms() { echo $(($(date +%s%N) / 1000000)); }
+: >"$W/clears.log"
+: >"$W/kills"
 (
    for ((i = 0; i < 100000; i++)); do
       [ -e "$W/churn.stop" ] && break
       # Six leased MACs, read from the database: cheaper than listing the
       # set, and the swarm writes its own list only when it ends.
-      mapfile -t macs < <(sqlite3 -readonly "$W/tavrin.db" \
+      mapfile -t macs < <(sqlite3 -readonly -cmd ".timeout 5000" "$W/tavrin.db" \
          "SELECT DISTINCT mac FROM lease ORDER BY random() LIMIT 6;" 2>/dev/null)
       [ ${#macs[@]} -lt 6 ] && { sleep 0.2; continue; }
       for m in "${macs[@]:0:3}"; do
@@ -107,10 +110,14 @@ lab_defer "kill $CHURNER"
 
 # ---------------------------------------------------------------- kills
 
-has_all() { # FILE: every line of FILE is in the set
+# has_all FILE [SINCE_MS]: every line of FILE is in the set, but for the
+# MACs the churn cleared since SINCE_MS (withdrawn on purpose, back only
+# once the bridge relearns them).
+has_all() {
    local cur
    cur=$(fx_allowed) || return 1
-   [ -z "$(comm -23 "$1" <(printf '%s\n' "$cur"))" ]
+   [ -z "$(comm -23 "$1" <(printf '%s\n' "$cur") |
+      awk -v t="${2:-}" 'NR == FNR { if (t != "" && $1 >= t) c[$2] = 1; next } !c[$2]' "$W/clears.log" -)" ]
 }
 TOTAL_LOST=0 TOTAL_NOT_BACK=0 TOTAL_EXCUSED=0 TOTAL_SEEN=0
 printf '%-5s %8s %8s %6s %8s %9s %12s %14s\n' kill allowed excused lost notback integrity \
@@ -119,11 +126,13 @@ for ((k = 1; k <= KILLS; k++)); do
    sleep "$(awk -v g="$GAP_MS" -v r="$RANDOM" 'BEGIN { printf "%.3f", (300 + r % (g - 300)) / 1000 }')"
    kill -9 "$TAVRIND_PID"
    T_KILL=$(now_ms)
+   echo "$T_KILL $k" >>"$W/kills"
    lab_wait 5 lab_dead "$TAVRIND_PID"
    wait "$TAVRIND_PID" 2>/dev/null
    fx_allowed >"$W/snap.$k" || lab_fail "snapshot-$k" "could not read the set"
-   integ=$(sqlite3 -readonly "$W/tavrin.db" "PRAGMA integrity_check;" 2>&1)
-   fx_db_leases >"$W/db.$k" 2>"$W/db.$k.err"
+   integ=$(sqlite3 -readonly -cmd ".timeout 5000" "$W/tavrin.db" "PRAGMA integrity_check;" 2>&1)
+   # A read that fails is no evidence of loss: it is its own failure.
+   fx_db_leases >"$W/db.$k" 2>"$W/db.$k.err" || lab_fail "db-read-$k" "$(head -n 1 "$W/db.$k.err")"
    if [ "$integ" = ok ]; then lab_pass "db-intact-$k"; else lab_fail "db-intact-$k" "$integ"; fi
    # Elements without a row; those whose clear was in flight are withdrawals.
    comm -23 "$W/snap.$k" "$W/db.$k" >"$W/missing.$k"
@@ -149,7 +158,7 @@ for ((k = 1; k <= KILLS; k++)); do
    T1=$(now_ms)
    # Withdrawn since the restart by the churn: taken out of what must be back.
    back=1
-   lab_wait 60 has_all "$W/want.$k" || back=0
+   lab_wait 60 has_all "$W/want.$k" "$T0" || back=0
    T2=$(now_ms)
    notback=0
    if [ "$back" = 0 ]; then
@@ -191,7 +200,17 @@ FINAL_MISSING=$(wc -l <"$W/final.missing")
 if [ "$FINAL_MISSING" = 0 ] && [ "$GRANTED" -ge $((LEASES * 95 / 100)) ]; then
    lab_pass churn-all-installed
 else
-   lab_fail churn-all-installed "$FINAL_MISSING of $GRANTED granted leases not installed; $(head -n 3 "$W/final.missing" | tr '\n' ';')"
+   lab_fail churn-all-installed "$FINAL_MISSING of $GRANTED granted leases not installed"
+   # What happened to each: its clears and FDB removals, against the kills.
+   head -n 10 "$W/final.missing" | while read -r _ mac ip; do
+      echo "   missing $mac $ip: clears at $(awk -v m="$mac" '$2 == m { printf "%s ", $1 }' "$W/clears.log")"
+   done
+   echo "   kills at $(awk '{ printf "%s ", $1 }' "$W/kills")"
+   first=$(head -n 1 "$W/final.missing" | cut -d' ' -f2)
+   grep "$first" "$DHCPD_LOG" | sed 's/^/   dhcpd: /'
+   grep -h "$first" "$W"/swarm.*.out | sed 's/^/   swarm: /'
+   lab_in sw bridge fdb show br br0 | grep "$first" | sed 's/^/   fdb: /'
+   ctl show queries --json | jq -c --arg m "$first" '.[] | select(.mac == $m)' | sed 's/^/   query: /'
 fi
 kill -0 "$TAVRIND_PID" 2>/dev/null || lab_fail tavrind-survived "tavrind exited by itself"
 
@@ -202,5 +221,11 @@ printf '   installed at the kills %d; lost %d (goal 0); not installed again %d; 
    "$TOTAL_SEEN" "$TOTAL_LOST" "$TOTAL_NOT_BACK" "$TOTAL_EXCUSED"
 printf '   granted but not installed at the end: %d\n' "$FINAL_MISSING"
 [ "$LAB_FAILED" != 0 ] && fx_tavrind_tail
+# KEEP=DIR keeps the run's files (logs, snapshots, swarm lists) for a
+# post-mortem; the work directory itself goes at exit.
+if [ -n "${KEEP:-}" ]; then
+   mkdir -p "$KEEP" && cp -a "$W"/*.log "$W"/*.out "$W"/snap.* "$W"/db.[0-9]* "$W"/kills "$W"/granted \
+      "$W"/final* "$W"/dhcpd.leases "$KEEP"/ 2>/dev/null
+fi
 lab_log "run time $(($(date +%s) - START)) s"
 lab_summary
