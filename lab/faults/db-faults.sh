@@ -60,8 +60,9 @@ lab_wait 5 sh -c "[ \"\$(readlink /proc/$HOLDER/ns/mnt)\" != \"\$(readlink /proc
    lab_die "no mount namespace"
 in_mnt() { nsenter -t "$HOLDER" -m "$@"; }
 in_mnt mount -t tmpfs -o size=1m,mode=0700 tavrin-faults "$DBDIR" || lab_die "could not mount the tmpfs"
-# shellcheck disable=SC2034 # both read by fixture.sh
+# shellcheck disable=SC2034 # read by fixture.sh
 FX_MNTNS_PID=$HOLDER
+# shellcheck disable=SC2034 # read by fixture.sh
 NSENTER="nsenter -t $HOLDER -m"
 DB=$DBDIR/tavrin.db
 fx_config "$DB"

@@ -49,6 +49,7 @@ MAC_T=02:00:5e:72:00:01
 # seconds before the flood starts.
 SETUP=8
 LEASE_T=$((SETUP + FLOOD / 2))
+# shellcheck disable=SC2034 # read by fixture.sh
 FX_DHCPD_EXTRA="host timer-t {
    hardware ethernet $MAC_T;
    default-lease-time $LEASE_T;
