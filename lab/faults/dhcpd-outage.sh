@@ -56,6 +56,7 @@ MAC_B=02:00:5e:71:00:02
 MAC_C=02:00:5e:71:00:03
 if [ "$WITH_C" = 1 ]; then
    # A host's own lease time: only C's lease is short.
+   # shellcheck disable=SC2034 # read by fixture.sh
    FX_DHCPD_EXTRA="host short-c {
    hardware ethernet $MAC_C;
    default-lease-time $LEASE_C;
