@@ -1,6 +1,11 @@
 #include "linux/SqliteStore.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <map>
 #include <set>
 
@@ -125,6 +130,10 @@ class SqliteStore::Statements {
 
 SqliteStore::SqliteStore(const std::string& path)
     : db_(std::make_unique<Sqlite::Connection>(path)), queue_(std::make_unique<StoreQueue>()) {
+   // At start a reader (an operator's sqlite3, or one recovering the WAL
+   // after a crash) may hold the file for a moment; waiting a little beats
+   // refusing to start. follow() turns waiting off for the loop's commits.
+   sqlite3_busy_timeout(db_->get(), kStartBusyTimeoutMs);
    openSchema();
    statements_ = std::make_unique<Statements>(*db_);
    sqlite3_commit_hook(db_->get(), &SqliteStore::onCommit, this);
@@ -150,6 +159,18 @@ void SqliteStore::openSchema() {
    try {
       appId = db_->queryInt("PRAGMA application_id", "reading the header");
    } catch (const StoreError& e) {
+      if ((e.code() & 0xff) == SQLITE_CANTOPEN) {
+         // A database in WAL mode needs its -wal and -shm files next to it;
+         // SQLite only says it cannot open, which hides the real cause.
+         auto dir = std::filesystem::path(path).parent_path();
+         if (dir.empty()) dir = ".";
+         if (::access(dir.c_str(), W_OK) != 0) {
+            throw StoreError(path + ": cannot open: its directory " + dir.string() +
+                                 " is not writable (" + std::strerror(errno) +
+                                 "); tavrind keeps its write-ahead log there",
+                             e.code());
+         }
+      }
       if (e.code() != SQLITE_NOTADB) throw;
       throw StoreError(path + ": not an SQLite database; is this the right file?", e.code());
    }
@@ -239,6 +260,10 @@ void SqliteStore::follow(Ptr<LeaseStatus> leaseStatus,
       queue_->clear();
       throw;
    }
+   // From here on commits run in the agent's loop, which must never block
+   // on another process's lock: a busy database fails the commit, and the
+   // changes wait for the next try.
+   sqlite3_busy_timeout(db_->get(), 0);
    if (!leaseStatus && !interfaceStatus) return;
    follower_ =
        std::make_unique<StoreFollower>(std::move(leaseStatus), std::move(interfaceStatus), *queue_);

@@ -45,6 +45,8 @@ class SqliteStore {
    static constexpr int64_t kSchemaVersion = 1;
    // "Tavr": tells tavrind's files from other SQLite databases.
    static constexpr int64_t kApplicationId = 0x54617672;
+   // How long opening may wait for another process's lock on the file.
+   static constexpr int kStartBusyTimeoutMs = 5000;
 
    // Opens or creates the database. Throws StoreError, naming the file and
    // the reason, when it cannot be opened, is not an SQLite database, belongs
