@@ -1,89 +1,305 @@
 #include "rt/TaskScheduler.h"
 
 #include <algorithm>
+#include <bit>
 
 #include "rt/Assert.h"
 
 namespace Tavrin::Rt {
 
 namespace {
+
 constexpr size_t kArity = 4;
+constexpr double kTicksPerSecond = 16;
+// Ticks at or past this go to far_; it keeps +infinity and NaN out of the
+// integer conversion.
+constexpr uint64_t kLastTick = uint64_t(1) << 62;
+// How many tasks ahead a walk over a slot fetches: enough to cover a miss to
+// memory on a loaded machine without crowding out the tasks being placed.
+constexpr size_t kPrefetch = 32;
+// An emptied slot keeps its vector's memory up to this many entries.
+constexpr size_t kKeptSlotCapacity = size_t(1) << 16;
+// How far, in ticks, nextRunTime() may move the cursor ahead of the clock.
+constexpr uint64_t kAhead = 256;
+
+void prefetch(const void* p) {
+#if defined(__GNUC__)
+   if (p) __builtin_prefetch(p);
+#else
+   (void)p;
+#endif
 }
 
-TaskScheduler::~TaskScheduler() {
-   for (auto* t : heap_) t->heapIndex_ = TimerTask::kNotScheduled;
+}  // namespace
+
+// ---------------------------------------------------------------- Heap
+
+void TaskScheduler::Heap::place(size_t i, TimerTask* t) {
+   v_[i] = t;
+   t->index_ = uint32_t(i);
 }
 
-bool TaskScheduler::before(const TimerTask* a, const TimerTask* b) const {
-   if (a->runTime_ != b->runTime_) return a->runTime_ < b->runTime_;
-   if (a->priority_ != b->priority_) return a->priority_ < b->priority_;
-   return a->seq_ < b->seq_;
-}
-
-void TaskScheduler::place(size_t i, TimerTask* t) {
-   heap_[i] = t;
-   t->heapIndex_ = uint32_t(i);
-}
-
-void TaskScheduler::siftUp(size_t i) {
-   TimerTask* t = heap_[i];
+void TaskScheduler::Heap::siftUp(size_t i) {
+   TimerTask* t = v_[i];
    while (i > 0) {
       size_t parent = (i - 1) / kArity;
-      if (!before(t, heap_[parent])) break;
-      place(i, heap_[parent]);
+      if (!before(t, v_[parent])) break;
+      place(i, v_[parent]);
       i = parent;
    }
    place(i, t);
 }
 
-void TaskScheduler::siftDown(size_t i) {
-   TimerTask* t = heap_[i];
-   size_t n = heap_.size();
+void TaskScheduler::Heap::siftDown(size_t i) {
+   TimerTask* t = v_[i];
+   size_t n = v_.size();
    while (true) {
       size_t first = i * kArity + 1;
       if (first >= n) break;
       size_t best = first;
       size_t last = std::min(first + kArity, n);
       for (size_t c = first + 1; c < last; ++c) {
-         if (before(heap_[c], heap_[best])) best = c;
+         if (before(v_[c], v_[best])) best = c;
       }
-      if (!before(heap_[best], t)) break;
-      place(i, heap_[best]);
+      if (!before(v_[best], t)) break;
+      place(i, v_[best]);
       i = best;
    }
    place(i, t);
 }
 
+void TaskScheduler::Heap::push(TimerTask* t) {
+   t->where_ = where_;
+   v_.push_back(t);
+   siftUp(v_.size() - 1);
+}
+
+void TaskScheduler::Heap::erase(TimerTask* t) {
+   size_t i = t->index_;
+   TimerTask* last = v_.back();
+   v_.pop_back();
+   if (last == t) return;
+   place(i, last);
+   if (i > 0) siftUp(i);
+   siftDown(last->index_);
+}
+
+void TaskScheduler::Heap::forget() {
+   for (auto* t : v_) t->where_ = TimerTask::kNotScheduled;
+   v_.clear();
+}
+
+// ---------------------------------------------------------------- TaskScheduler
+
+bool TaskScheduler::before(const TimerTask* a, const TimerTask* b) {
+   if (a->runTime_ != b->runTime_) return a->runTime_ < b->runTime_;
+   if (a->priority_ != b->priority_) return a->priority_ < b->priority_;
+   return a->seq_ < b->seq_;
+}
+
+TaskScheduler::TaskScheduler(const Clock& clock)
+    : clock_(clock),
+      cursor_(tickOf(clock.monotonic())),
+      due_(TimerTask::kDue),
+      far_(TimerTask::kFar) {}
+
+TaskScheduler::~TaskScheduler() {
+   due_.forget();
+   far_.forget();
+   for (auto& level : levels_) {
+      for (auto& slot : level.slots) {
+         for (auto* t : slot) {
+            if (t) t->where_ = TimerTask::kNotScheduled;
+         }
+      }
+   }
+}
+
+// Any map that never decreases with time would keep the order exact; this
+// one is a multiplication by a power of two, so ties in time stay ties in tick.
+TaskScheduler::Tick TaskScheduler::tickOf(Seconds t) {
+   double x = t * kTicksPerSecond;
+   if (x < double(kLastTick)) return x > 0 ? Tick(x) : 0;
+   return kLastTick;
+}
+
+int TaskScheduler::nextOccupied(const Level& level, size_t from) {
+   for (size_t w = from / 64; w < level.occupied.size(); ++w) {
+      uint64_t bits = level.occupied[w];
+      if (w == from / 64) bits &= ~uint64_t(0) << (from % 64);
+      if (bits) return int(w * 64 + size_t(std::countr_zero(bits)));
+   }
+   return -1;
+}
+
 void TaskScheduler::insert(TimerTask* t) {
    t->seq_ = nextSeq_++;
-   heap_.push_back(t);
-   siftUp(heap_.size() - 1);
+   ++armed_;
+   place(t);
+   if (next_ && t->where_ != TimerTask::kDue && before(t, next_)) next_ = t;
+}
+
+void TaskScheduler::place(TimerTask* t) {
+   Tick tick = tickOf(t->runTime_);
+   if (tick <= cursor_) {
+      due_.push(t);
+      return;
+   }
+   int level = (std::bit_width(tick ^ cursor_) - 1) / kBits;
+   if (level >= kLevels) {
+      far_.push(t);
+      return;
+   }
+   Level& l = levels_[size_t(level)];
+   size_t s = slotOf(level, tick);
+   auto& slot = l.slots[s];
+   t->where_ = uint8_t(level);
+   t->slot_ = uint16_t(s);
+   t->index_ = uint32_t(slot.size());
+   slot.push_back(t);
+   ++l.live[s];
+   l.occupied[s / 64] |= uint64_t(1) << (s % 64);
+}
+
+void TaskScheduler::compact(std::vector<TimerTask*>& slot) {
+   size_t n = 0;
+   for (TimerTask* t : slot) {
+      if (!t) continue;
+      t->index_ = uint32_t(n);
+      slot[n++] = t;
+   }
+   slot.resize(n);
 }
 
 void TaskScheduler::remove(TimerTask* t) {
-   size_t i = t->heapIndex_;
-   t->heapIndex_ = TimerTask::kNotScheduled;
-   TimerTask* last = heap_.back();
-   heap_.pop_back();
-   if (last == t) return;
-   place(i, last);
-   siftUp(i);
-   siftDown(last->heapIndex_);
+   if (t->where_ == TimerTask::kDue) {
+      due_.erase(t);
+   } else if (t->where_ == TimerTask::kFar) {
+      far_.erase(t);
+   } else {
+      Level& l = levels_[t->where_];
+      size_t s = t->slot_;
+      auto& slot = l.slots[s];
+      slot[t->index_] = nullptr;
+      if (--l.live[s] == 0) {
+         slot.clear();
+         l.occupied[s / 64] &= ~(uint64_t(1) << (s % 64));
+      } else if (slot.size() > 2 * size_t(l.live[s]) + 64) {
+         compact(slot);
+      }
+   }
+   t->where_ = TimerTask::kNotScheduled;
+   --armed_;
+   if (next_ == t) next_ = nullptr;
 }
 
-void TaskScheduler::update(TimerTask* t) {
-   t->seq_ = nextSeq_++;
-   siftUp(t->heapIndex_);
-   siftDown(t->heapIndex_);
+// The first tick at which the cursor has work: the start of the first
+// occupied slot ahead of it, at the lowest level that has one (everything at
+// a level lies after everything below it), or else the first far task's
+// tick. False when nothing is armed outside due_.
+bool TaskScheduler::nextEvent(Tick& tick, int& level, size_t& slot) const {
+   for (level = 0; level < kLevels; ++level) {
+      int found = nextOccupied(levels_[size_t(level)], slotOf(level, cursor_) + 1);
+      if (found >= 0) {
+         slot = size_t(found);
+         int shift = level * kBits;
+         tick = (cursor_ >> (shift + kBits) << (shift + kBits)) | (Tick(slot) << shift);
+         return true;
+      }
+   }
+   if (far_.empty()) return false;
+   tick = tickOf(far_.top()->runTime_);
+   return true;
+}
+
+// Moves the cursor from one occupied slot to the next until due_ holds a
+// task, or the next slot starts after `limit`. No task lies between two
+// occupied slots, so each jump keeps every other task at its level and slot.
+void TaskScheduler::fill(Tick limit) {
+   Tick next;
+   int level;
+   size_t s;
+   while (due_.empty() && nextEvent(next, level, s) && next <= limit) {
+      cursor_ = next;
+      if (level < kLevels) enter(level, s);
+      pullFar();
+   }
+}
+
+// The cursor has just entered slot `s` of `level`: its tasks go below
+// `level`, or to due_ from level 0, never back into this slot.
+void TaskScheduler::enter(int level, size_t s) {
+   Level& l = levels_[size_t(level)];
+   auto& slot = l.slots[s];
+   l.occupied[s / 64] &= ~(uint64_t(1) << (s % 64));
+   // The tasks lie all over memory: fetching ahead overlaps their misses.
+   size_t n = slot.size();
+   for (size_t i = 0; i < std::min(n, kPrefetch); ++i) prefetch(slot[i]);
+   for (size_t i = 0; i < n; ++i) {
+      if (i + kPrefetch < n) prefetch(slot[i + kPrefetch]);
+      if (slot[i]) place(slot[i]);
+   }
+   l.live[s] = 0;
+   slot.clear();
+   // A burst leaves a big slot behind; do not hold its memory forever.
+   if (slot.capacity() > kKeptSlotCapacity) slot.shrink_to_fit();
+   // While this tick's tasks run, fetch the next tick's.
+   if (level == 0) {
+      int following = nextOccupied(l, s + 1);
+      if (following >= 0) {
+         const auto& ahead = l.slots[size_t(following)];
+         for (size_t i = 0; i < std::min(ahead.size(), kPrefetch); ++i) prefetch(ahead[i]);
+      }
+   }
+}
+
+// Far tasks whose tick now shares its top group with the cursor's belong on
+// the wheel; they are the first ones in far_'s order.
+void TaskScheduler::pullFar() {
+   constexpr int kSpan = kLevels * kBits;
+   while (!far_.empty()) {
+      TimerTask* t = far_.top();
+      Tick tick = tickOf(t->runTime_);
+      if (tick > cursor_ && ((tick ^ cursor_) >> kSpan) != 0) break;
+      far_.erase(t);
+      place(t);
+   }
+}
+
+const TimerTask* TaskScheduler::findNext() const {
+   Tick next;
+   int level;
+   size_t s = 0;
+   if (!nextEvent(next, level, s)) return nullptr;
+   if (level == kLevels) return far_.top();
+   const TimerTask* best = nullptr;
+   for (const TimerTask* t : levels_[size_t(level)].slots[s]) {
+      if (t && (!best || before(t, best))) best = t;
+   }
+   return best;
 }
 
 Seconds TaskScheduler::nextRunTime() const {
-   return heap_.empty() ? std::numeric_limits<Seconds>::infinity() : heap_.front()->runTime_;
+   if (due_.empty()) {
+      // When the next occupied slot is near, entering it turns its tasks
+      // into due_ in one pass. The cursor may pass the clock, but by kAhead
+      // ticks at most, so that the tasks armed meanwhile behind it, which go
+      // to due_, stay few. Moving the cursor changes no order, hence const.
+      const_cast<TaskScheduler*>(this)->fill(tickOf(clock_.monotonic()) + kAhead);
+      if (due_.empty()) {
+         // Farther off, while the agent idles: one scan of that slot finds
+         // the first task, kept until it leaves or an earlier one is armed.
+         if (!next_) next_ = findNext();
+         return next_ ? next_->runTime_ : std::numeric_limits<Seconds>::infinity();
+      }
+   }
+   return due_.top()->runTime_;
 }
 
 bool TaskScheduler::runNext(Seconds limit) {
-   if (heap_.empty() || heap_.front()->runTime_ > limit) return false;
-   TimerTask* t = heap_.front();
+   fill(tickOf(limit));
+   if (due_.empty() || due_.top()->runTime_ > limit) return false;
+   TimerTask* t = due_.top();
    remove(t);
    TimerTask* outer = running_;
    running_ = t;
@@ -124,12 +340,9 @@ TimerTask::~TimerTask() {
 }
 
 void TimerTask::scheduleTaskDelay(Seconds delay) {
+   if (isScheduled()) scheduler_->remove(this);
    runTime_ = scheduler_->clock_.monotonic() + std::max(delay, 0.0);
-   if (isScheduled()) {
-      scheduler_->update(this);
-   } else {
-      scheduler_->insert(this);
-   }
+   scheduler_->insert(this);
 }
 
 void TimerTask::scheduleTaskLowestDelay(Seconds delay) {

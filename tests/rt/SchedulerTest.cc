@@ -147,7 +147,7 @@ TEST_F(Scheduler, aMillionTimersFireInTimeOrderEachAtItsInstant) {
       l->due = l->task.runTime();
       leases.push_back(std::move(l));
    }
-   // Re-arm a tenth of them: the heap must keep its order through updates.
+   // Re-arm a tenth of them: the order must survive re-arms.
    for (size_t i = 0; i < kTimers; i += 10) {
       auto& l = *leases[i];
       l.task.scheduleTaskDelay(ms(rng) / 1000.0);
