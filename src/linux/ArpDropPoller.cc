@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "linux/NetlinkWalk.h"
 #include "rt/Trace.h"
 
 namespace Tavrin::Linux {
@@ -103,14 +104,10 @@ void ArpDropPoller::handleReadable() {
          if (dumping_) fail(std::string("dump read: ") + std::strerror(errno));
          continue;
       }
-      const auto* nlh = reinterpret_cast<const nlmsghdr*>(buf_.data());
-      int left = int(n);
-      while (mnl_nlmsg_ok(nlh, left)) {
+      Netlink::forEachMessage(buf_.data(), size_t(n), [&](const nlmsghdr* nlh, size_t) {
          // A previous, abandoned dump's answers are passed over.
-         if (!dumping_ || nlh->nlmsg_seq != seq_) break;
-         if (!handleMessage(nlh)) break;
-         nlh = mnl_nlmsg_next(nlh, &left);
-      }
+         return dumping_ && nlh->nlmsg_seq == seq_ && handleMessage(nlh);
+      });
    }
 }
 

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <sstream>
 
+#include "linux/NetlinkWalk.h"
+
 namespace Tavrin::Linux {
 
 namespace {
@@ -212,14 +214,6 @@ Digested digestFdb(const nlmsghdr* nlh) {
    return ok(m);
 }
 
-// Whether the message's own length fits the bytes there are. Not
-// mnl_nlmsg_ok: it compares nlmsg_len as a signed int, so a length of 2 GiB
-// or more passes as fitting and the walk after it leaves the buffer.
-bool fits(const nlmsghdr* nlh, size_t available) {
-   return available >= sizeof(nlmsghdr) && nlh->nlmsg_len >= sizeof(nlmsghdr) &&
-          nlh->nlmsg_len <= available;
-}
-
 Digested digestFitting(const nlmsghdr* nlh) {
    switch (nlh->nlmsg_type) {
       case RTM_NEWLINK:
@@ -239,7 +233,7 @@ Digested digestFitting(const nlmsghdr* nlh) {
 }  // namespace
 
 Digested digestRtnl(const nlmsghdr* nlh, size_t available) {
-   if (!fits(nlh, available)) return malformed("truncated netlink message");
+   if (!Netlink::fits(nlh, available)) return malformed("truncated netlink message");
    // libmnl walks attributes up to the length rounded up to 4 bytes. The
    // last message of a buffer need not carry that padding: it gets it here,
    // zeroed, rather than have the walk read past the buffer.
@@ -280,20 +274,12 @@ Digested digestRtnl(std::span<const uint8_t> bytes) {
 std::vector<Digested> digestRtnlBatch(std::span<const uint8_t> bytes) {
    Aligned a(bytes);
    std::vector<Digested> out;
-   const uint8_t* at = a.data;
-   size_t left = a.size;
-   while (left > 0) {
-      const auto* nlh = reinterpret_cast<const nlmsghdr*>(at);
-      if (!fits(nlh, left)) {
-         out.push_back(malformed("truncated netlink message"));
-         break;
-      }
-      out.push_back(digestRtnl(nlh, left));
-      // The last message need not be padded to the alignment.
-      const size_t step = std::min<size_t>(NLMSG_ALIGN(nlh->nlmsg_len), left);
-      at += step;
-      left -= step;
-   }
+   size_t left =
+       Netlink::forEachMessage(a.data, a.size, [&](const nlmsghdr* nlh, size_t available) {
+          out.push_back(digestRtnl(nlh, available));
+          return true;
+       });
+   if (left > 0) out.push_back(malformed("truncated netlink message"));
    return out;
 }
 

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "linux/NetlinkWalk.h"
 #include "rt/Trace.h"
 
 namespace Tavrin::Linux {
@@ -70,14 +71,13 @@ void NflogDispatch::message(const nlmsghdr* nlh) {
 }
 
 void NflogDispatch::buffer(std::span<const uint8_t> bytes) {
-   const auto* nlh = reinterpret_cast<const nlmsghdr*>(bytes.data());
-   int left = int(bytes.size());
-   while (mnl_nlmsg_ok(nlh, left)) {
-      // Control messages: the end of a batch, or the answer to a request
-      // the reader made at start; neither carries a packet.
-      if (nlh->nlmsg_type >= NLMSG_MIN_TYPE) message(nlh);
-      nlh = mnl_nlmsg_next(nlh, &left);
-   }
+   size_t left =
+       Netlink::forEachMessage(bytes.data(), bytes.size(), [&](const nlmsghdr* nlh, size_t) {
+          // Control messages: the end of a batch, or the answer to a request
+          // the reader made at start; neither carries a packet.
+          if (nlh->nlmsg_type >= NLMSG_MIN_TYPE) message(nlh);
+          return true;
+       });
    if (left > 0) {
       ++counters_.malformed;
       TAVRIN_TRACE(nflogTrace(), 1, left << " bytes after the last whole log message dropped");

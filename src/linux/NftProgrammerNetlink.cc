@@ -21,6 +21,8 @@
 #include <set>
 #include <sstream>
 
+#include "linux/NetlinkWalk.h"
+
 namespace Tavrin::Linux::Nft {
 
 namespace {
@@ -346,13 +348,12 @@ NftDigested digestNft(const nlmsghdr* nlh, size_t available) {
 
 std::vector<NftDigested> digestNftBatch(std::span<const uint8_t> bytes) {
    std::vector<NftDigested> out;
-   const auto* nlh = reinterpret_cast<const nlmsghdr*>(bytes.data());
-   int len = int(bytes.size());
-   while (mnl_nlmsg_ok(nlh, len)) {
-      out.push_back(digestNft(nlh, size_t(len)));
-      nlh = mnl_nlmsg_next(nlh, &len);
-   }
-   if (len > 0) out.push_back(malformed(std::to_string(len) + " bytes after the last message"));
+   size_t left = Netlink::forEachMessage(bytes.data(), bytes.size(),
+                                         [&](const nlmsghdr* nlh, size_t available) {
+                                            out.push_back(digestNft(nlh, available));
+                                            return true;
+                                         });
+   if (left > 0) out.push_back(malformed(std::to_string(left) + " bytes after the last message"));
    return out;
 }
 
@@ -670,23 +671,22 @@ CommitResult commit(NlSocket& sock, const Batch& batch) {
          if (r.error.empty()) r.error = "reading the kernel's answers: " + errnoText(errno);
          return r;
       }
-      const auto* nlh = reinterpret_cast<const nlmsghdr*>(buf.data());
-      int len = int(n);
-      for (; mnl_nlmsg_ok(nlh, len); nlh = mnl_nlmsg_next(nlh, &len)) {
-         if (nlh->nlmsg_seq < batch.beginSeq() || nlh->nlmsg_seq >= batch.nextSeq()) continue;
-         if (nlh->nlmsg_type != NLMSG_ERROR) continue;
+      Netlink::forEachMessage(buf.data(), size_t(n), [&](const nlmsghdr* nlh, size_t) {
+         if (nlh->nlmsg_seq < batch.beginSeq() || nlh->nlmsg_seq >= batch.nextSeq()) return true;
+         if (nlh->nlmsg_type != NLMSG_ERROR) return true;
          if (mnl_nlmsg_get_payload_len(nlh) < sizeof(nlmsgerr)) {
             if (r.error.empty()) r.error = "a truncated answer from the kernel";
-            continue;
+            return true;
          }
          const auto* err = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(nlh));
          answered.insert(nlh->nlmsg_seq);
-         if (err->error == 0 || !r.error.empty()) continue;
+         if (err->error == 0 || !r.error.empty()) return true;
          auto what = batch.acked().find(nlh->nlmsg_seq);
          r.error =
              (what == batch.acked().end() ? std::string("committing the batch") : what->second) +
              ": " + errnoText(-err->error);
-      }
+         return true;
+      });
    }
    if (!r.error.empty()) return r;
    size_t missing = 0;
