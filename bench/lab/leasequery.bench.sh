@@ -268,8 +268,11 @@ sed 's/^/   /' "$W/figures-burst"
 SPAN=$(awk '/^learn-span/ {print $4}' "$W/figures-burst")
 N=$(installed)
 RATIO=$(awk -v s="$SPAN" -v b="$BASE" 'BEGIN { printf "%.2f", (s - 1) / b }')
+# tavrind keeps a window of unanswered queries per server too, so the
+# blaster with the same window is the fair comparison; both are printed.
+RATIO_W=$(awk -v s="$SPAN" -v b="$PACED_S" 'BEGIN { printf "%.2f", (s - 1) / b }')
 lab_log "tavrind: $(ctl show counters | grep -E '^tavrin_(queries_sent_total|query_send_errors_total|answers_total|datagrams_received_total|drops_total)' | tr '\n' ' ')"
-echo "RESULT leasequery clients=$LEASED baseline(all-at-once)=${BASE}s baseline(window $WINDOW)=${PACED_S}s tavrind-span=${SPAN}s installed=$N goal=${GOAL}s (span-1s)/baseline=$RATIO"
+echo "RESULT leasequery clients=$LEASED baseline(all-at-once)=${BASE}s baseline(window $WINDOW)=${PACED_S}s tavrind-span=${SPAN}s installed=$N goal=${GOAL}s (span-1s)/baseline=$RATIO (span-1s)/baseline(window)=$RATIO_W"
 if [ "$N" = "$LEASED" ] && awk -v s="$SPAN" -v g="$GOAL" 'BEGIN { exit !(s <= g) }'; then
    lab_pass "all-installed-within-1s+1.2x-baseline"
 else

@@ -128,6 +128,10 @@ nlohmann::json countersJson(const std::vector<Sample>& samples) {
 void declareDaemonFamilies(CounterRegistry& r) {
    using T = Family::Type;
    r.familyIs({"tavrin_queries_sent_total", T::counter, "DHCPLEASEQUERY datagrams sent"});
+   r.familyIs({"tavrin_queries_deferred_total", T::counter,
+               "Lease queries that waited for room in their server's window"});
+   r.familyIs({"tavrin_queries_waiting", T::gauge,
+               "Lease queries waiting for room in their server's window now"});
    r.familyIs({"tavrin_query_send_errors_total", T::counter,
                "DHCPLEASEQUERY datagrams the kernel refused to send"});
    r.familyIs({"tavrin_datagrams_received_total", T::counter,

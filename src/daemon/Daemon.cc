@@ -53,8 +53,7 @@ class DaemonPlatform : public Linux::LinuxPlatform {
 
 }  // namespace
 
-Daemon::Daemon(std::string configPath, bool traceToStderr)
-    : configPath_(std::move(configPath)) {
+Daemon::Daemon(std::string configPath, bool traceToStderr) : configPath_(std::move(configPath)) {
    auto loaded = Linux::loadConfig(configPath_);
    if (auto* err = std::get_if<Linux::ConfigError>(&loaded)) {
       throw StartError(err->str(), kExitConfig);
@@ -68,8 +67,8 @@ Daemon::Daemon(std::string configPath, bool traceToStderr)
    platform_->traceToStderrIs(traceToStderr);
    createEntities();
    tap_->cliConfigIs(cliConfig_);
-   storeRetry_ = std::make_unique<Rt::TimerTask>(platform_->loop().scheduler(),
-                                                 Rt::TaskPriority(0), "tavrind store retry");
+   storeRetry_ = std::make_unique<Rt::TimerTask>(platform_->loop().scheduler(), Rt::TaskPriority(0),
+                                                 "tavrind store retry");
    storeRetryReactor_.notifierIs(storeRetry_.get());
    // First of the iteration-end hooks: whatever an event changed is in the
    // database before any later hook publishes it.
@@ -314,6 +313,8 @@ void Daemon::declareCounters() {
           auto pam = p.udpPam(kAgentName);
           Linux::LinuxUdpPam::Counters c = pam ? pam->counters() : Linux::LinuxUdpPam::Counters();
           out.push_back({"tavrin_queries_sent_total", {}, double(c.sent)});
+          out.push_back({"tavrin_queries_deferred_total", {}, pam ? double(pam->deferred()) : 0.0});
+          out.push_back({"tavrin_queries_waiting", {}, pam ? double(pam->waiting()) : 0.0});
           out.push_back({"tavrin_query_send_errors_total", {}, double(c.sendErrors)});
           out.push_back({"tavrin_datagrams_received_total", {}, double(c.received)});
           out.push_back(

@@ -5,6 +5,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -33,11 +34,39 @@ constexpr size_t kMaxDatagram = 65535;
 
 }  // namespace
 
+class LinuxUdpPam::WindowTimer : public Rt::TimerTask::Notifiee {
+ public:
+   explicit WindowTimer(LinuxUdpPam& p) : p_(p) {}
+   void onTaskRun() override {
+      p_.window_.expire(p_.monotonic());
+      p_.armWindowTimer();
+   }
+
+ private:
+   LinuxUdpPam& p_;
+};
+
 LinuxUdpPam::LinuxUdpPam(std::string name, EventLoop& loop)
-    : Platform::UdpPam(std::move(name)), loop_(loop) {}
+    : Platform::UdpPam(std::move(name)),
+      loop_(loop),
+      window_([this](const SendWindow::Query& q) { transmit(q); }),
+      windowTask_(std::make_unique<Rt::TimerTask>(loop.scheduler(), Rt::TaskPriority(0),
+                                                  "LinuxUdpPam window")),
+      windowTimer_(std::make_unique<WindowTimer>(*this)) {
+   windowTimer_->notifierIs(windowTask_.get());
+}
 
 LinuxUdpPam::~LinuxUdpPam() {
    close();
+}
+
+void LinuxUdpPam::armWindowTimer() {
+   auto next = window_.nextDeadline();
+   if (!next) {
+      windowTask_->cancel();
+      return;
+   }
+   windowTask_->scheduleTaskDelay(std::max(0.0, *next - monotonic()));
 }
 
 void LinuxUdpPam::modeIs(Mode m) {
@@ -75,6 +104,9 @@ void LinuxUdpPam::open(Mode m) {
 }
 
 void LinuxUdpPam::close() {
+   // What waits was meant for this socket; the agent's retries resend it.
+   window_.clear();
+   if (windowTask_) windowTask_->cancel();
    if (!fd_) return;
    loop_.fdDel(fd_.get());
    fd_.reset();
@@ -95,7 +127,14 @@ void LinuxUdpPam::pktIs(const Ptr<Rt::Pkt>& pkt) {
                    name() << " not open, datagram to " << txDstIpAddr() << " dropped");
       return;
    }
-   sockaddr_in dst = sockAddr(txDstIpAddr(), txPort());
+   window_.queryIs({pkt, txDstIpAddr(), txSrcIpAddr(), txPort()}, monotonic());
+   armWindowTimer();
+}
+
+void LinuxUdpPam::transmit(const SendWindow::Query& q) {
+   if (!fd_) return;
+   const Ptr<Rt::Pkt>& pkt = q.pkt;
+   sockaddr_in dst = sockAddr(q.dst, q.port);
    iovec iov{const_cast<uint8_t*>(pkt->bytes().data()), pkt->size()};
    msghdr msg{};
    msg.msg_name = &dst;
@@ -105,7 +144,7 @@ void LinuxUdpPam::pktIs(const Ptr<Rt::Pkt>& pkt) {
    // ipi_spec_dst picks the source address (and from it the route) while the
    // socket stays bound to the wildcard; ifindex 0 leaves routing to the kernel.
    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in_pktinfo))> control{};
-   if (!txSrcIpAddr().isAny()) {
+   if (!q.src.isAny()) {
       msg.msg_control = control.data();
       msg.msg_controllen = control.size();
       cmsghdr* c = CMSG_FIRSTHDR(&msg);
@@ -113,14 +152,14 @@ void LinuxUdpPam::pktIs(const Ptr<Rt::Pkt>& pkt) {
       c->cmsg_type = IP_PKTINFO;
       c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
       in_pktinfo info{};
-      info.ipi_spec_dst.s_addr = htonl(txSrcIpAddr().value());
+      info.ipi_spec_dst.s_addr = htonl(q.src.value());
       std::memcpy(CMSG_DATA(c), &info, sizeof info);
    }
    if (::sendmsg(fd_.get(), &msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
       ++counters_.sendErrors;
       TAVRIN_TRACE(udpTrace(), 1,
-                   name() << " send to " << txDstIpAddr() << ":" << txPort() << " from "
-                          << txSrcIpAddr() << " failed: " << std::strerror(errno));
+                   name() << " send to " << q.dst << ":" << q.port << " from " << q.src
+                          << " failed: " << std::strerror(errno));
       return;
    }
    ++counters_.sent;
@@ -153,13 +192,16 @@ void LinuxUdpPam::handleReadable() {
          continue;
       }
       ++counters_.received;
+      const IpAddr from(ntohl(src.sin_addr.s_addr));
+      window_.answerFrom(from, monotonic());
+      armWindowTimer();
       if (rx_.size() >= kRxQueueMax) {
          ++counters_.rxQueueDrops;
          TAVRIN_TRACE(udpTrace(), 1, name() << " queue full, datagram dropped");
          continue;
       }
       auto pkt = Rt::makePtr<Rt::Pkt>(std::vector<uint8_t>(buf.begin(), buf.begin() + n));
-      rx_.push_back({pkt, IpAddr(ntohl(src.sin_addr.s_addr))});
+      rx_.push_back({pkt, from});
       // The reader may close the socket from its handler (mode off); the
       // loop condition then ends the batch.
       readableCountInc();

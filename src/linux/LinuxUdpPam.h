@@ -9,10 +9,13 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 
 #include "linux/EventLoop.h"
+#include "linux/SendWindow.h"
 #include "platform/UdpPam.h"
+#include "rt/TaskScheduler.h"
 
 namespace Tavrin::Linux {
 
@@ -28,6 +31,12 @@ class LinuxUdpPam final : public Platform::UdpPam {
       // Times opening or binding the socket failed.
       uint64_t openErrors = 0;
    };
+   // Sends wait for a server's window (see SendWindow); how many waited,
+   // how many were replaced by a newer query for the same client while
+   // waiting, and how many wait now.
+   uint64_t deferred() const { return window_.deferred(); }
+   uint64_t replaced() const { return window_.replaced(); }
+   size_t waiting() const { return window_.waiting(); }
    static constexpr size_t kRxQueueMax = 1024;
    // Datagrams read per wake-up; the level-triggered loop comes back for the
    // rest after the other ready fds had their turn. DHCP clients broadcast
@@ -56,9 +65,13 @@ class LinuxUdpPam final : public Platform::UdpPam {
       Ptr<Rt::Pkt> pkt;
       IpAddr src;
    };
+   class WindowTimer;
    void open(Mode m);
    void close();
    void handleReadable();
+   void transmit(const SendWindow::Query& q);
+   Seconds monotonic() const { return loop_.scheduler()->clock().monotonic(); }
+   void armWindowTimer();
    void failed(const std::string& what, int err);
 
    EventLoop& loop_;
@@ -66,6 +79,9 @@ class LinuxUdpPam final : public Platform::UdpPam {
    std::deque<Datagram> rx_;
    std::string lastError_;
    Counters counters_;
+   SendWindow window_;
+   std::unique_ptr<Rt::TimerTask> windowTask_;
+   std::unique_ptr<WindowTimer> windowTimer_;
 };
 
 }  // namespace Tavrin::Linux
