@@ -4,7 +4,7 @@
 # one CPU. Usage: bench/agent/run.sh [build dir] [extra flags, e.g. --small]
 # Full size takes about eight minutes and 2.7 GB of memory at its peak.
 set -eu
-build=${1:-build/h-bench}
+build=${1:-build/release}
 [ $# -gt 0 ] && shift
 bin=$build/bench/agent/tavrin-bench-agent
 [ -x "$bin" ] || { echo "build it first: cmake --build $build --target tavrin-bench-agent" >&2; exit 2; }

@@ -12,7 +12,7 @@
 # of tens of thousands of clients without reusing an address.
 #
 # Binaries come from BUILD (or the script's first argument), else from next
-# to LQ_PROBE (scripts/test.sh sets it), else from build/h-faults, else they
+# to LQ_PROBE (scripts/test.sh sets it), else from build/release, else they
 # are built into the run's work directory.
 
 FX_NET=${FX_NET:-10.197}
@@ -27,7 +27,7 @@ fx_tools() {
    local root build=${BUILD:-${1:-}}
    root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
    if [ -z "$build" ] && [ -n "${LQ_PROBE:-}" ]; then build=$(dirname "$(dirname "$LQ_PROBE")"); fi
-   [ -z "$build" ] && [ -x "$root/build/h-faults/src/daemon/tavrind" ] && build=$root/build/h-faults
+   [ -z "$build" ] && [ -x "$root/build/release/src/daemon/tavrind" ] && build=$root/build/release
    if [ -z "$build" ] || [ ! -x "$build/src/daemon/tavrind" ] || [ ! -x "$build/lab/dhcp-swarm" ]; then
       command -v cmake >/dev/null || lab_die "needs cmake to build tavrind (or set BUILD)"
       build=$LAB_WORK/build
