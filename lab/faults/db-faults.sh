@@ -178,6 +178,10 @@ remount_ro() {
 }
 remount_rw() {
    in_mnt mount -o remount,rw "$DBDIR" || return 1
+   # `ip netns exec` gave tavrind a copy of the mount namespace, which a
+   # remount in the holder's does not reach: the file system comes back
+   # where tavrind sees it, as an operator's remount on the host would.
+   nsenter -t "$TAVRIND_PID" -m mount -o remount,rw "$DBDIR" 2>/dev/null
    # Back on a writable store, a daemon that refused to start must start.
    fx_serving || fx_start
 }

@@ -114,6 +114,9 @@ Daemon::~Daemon() {
       if (store_ && store_->pending() > 0) {
          logError("stopping with " + plural(store_->pending(), "change", "changes") +
                   " not written to the database: " + store_->lastError());
+      } else if (!store_) {
+         logError("stopping without having written the database " + config_.database +
+                  ": it never became writable");
       }
    }
    store_.reset();
@@ -124,7 +127,14 @@ void Daemon::openStore() {
    try {
       store_ = std::make_unique<Linux::SqliteStore>(config_.database);
    } catch (const Linux::StoreError& e) {
-      throw StartError(std::string("database: ") + e.what(), kExitFailure);
+      const int code = e.code() & 0xff;
+      const bool unwritable =
+          code == SQLITE_READONLY || code == SQLITE_CANTOPEN || code == SQLITE_PERM;
+      if (!unwritable) throw StartError(std::string("database: ") + e.what(), kExitFailure);
+      // A read-only file system: the leases are read from the file as it
+      // is, enforcement goes on from memory, and the file is opened for
+      // writing as soon as it can be (loadState, commit).
+      storeDown_ = e.what();
    }
 }
 
@@ -150,6 +160,25 @@ void Daemon::createEntities() {
 }
 
 void Daemon::loadState() {
+   if (!store_) {
+      try {
+         auto report =
+             Linux::SqliteStore::loadReadOnly(config_.database, *leaseStatus_, *interfaceStatus_);
+         for (const auto& why : report.skipped) logWarning("database: skipped " + why);
+         logInfo("database " + config_.database + ", read-only: loaded " +
+                 plural(report.leases, "lease", "leases") + " and " +
+                 plural(report.rules, "interface rule", "interface rules"));
+      } catch (const Linux::StoreError& e) {
+         throw StartError("database: " + storeDown_ + "; reading it failed too: " + e.what(),
+                          kExitFailure);
+      }
+      ++storeOpenFailures_;
+      commitFailing_ = true;
+      logError("cannot write the database " + config_.database + ": " + storeDown_ +
+               "; enforcing from memory, and opening it for writing again every second");
+      storeRetry_->scheduleTaskDelay(kStoreRetryDelay);
+      return;
+   }
    try {
       auto report = store_->load(*leaseStatus_, *interfaceStatus_);
       for (const auto& why : report.skipped) logWarning("database: skipped " + why);
@@ -368,10 +397,12 @@ void Daemon::declareCounters() {
        }));
    counters_.sourceIs(
        "store", std::make_unique<FunctionSource>([this](std::vector<Sample>& out) {
-          const auto& c = store_->counters();
+          const auto c = store_ ? store_->counters() : Linux::StoreCounters();
           out.push_back({"tavrin_store_commits_total", {}, double(c.commits)});
-          out.push_back({"tavrin_store_commit_failures_total", {}, double(c.commitFailures)});
-          out.push_back({"tavrin_store_pending", {}, double(store_->pending())});
+          out.push_back({"tavrin_store_commit_failures_total",
+                         {},
+                         double(c.commitFailures + storeOpenFailures_)});
+          out.push_back({"tavrin_store_pending", {}, store_ ? double(store_->pending()) : 0.0});
        }));
 }
 
@@ -402,6 +433,7 @@ void Daemon::stop() {
 }
 
 void Daemon::commit() {
+   if (!store_ && !storeDown_.empty()) reopenStore();
    if (!store_) return;
    if (store_->commit()) {
       if (commitFailing_) logInfo("database writes resumed");
@@ -417,6 +449,34 @@ void Daemon::commit() {
                "; keeping " + plural(store_->pending(), "change", "changes") + " and trying again");
    }
    commitFailing_ = true;
+}
+
+// The file could not be written when tavrind started. Opened now, it is
+// brought in line with what the agent holds (the commit that follows writes
+// it); tried at most once per retry delay, however busy the loop.
+void Daemon::reopenStore() {
+   const Seconds now = clock_.monotonic();
+   if (now < nextReopen_) {
+      // Too soon; the timer makes sure the next try is not forgotten.
+      storeRetry_->scheduleTaskLowestDelay(nextReopen_ - now);
+      return;
+   }
+   nextReopen_ = now + kStoreRetryDelay;
+   try {
+      auto store = std::make_unique<Linux::SqliteStore>(config_.database);
+      store->follow(leaseStatus_, interfaceStatus_);
+      store_ = std::move(store);
+      storeDown_.clear();
+      logInfo("database " + config_.database + " opened for writing");
+   } catch (const Linux::StoreError& e) {
+      ++storeOpenFailures_;
+      // Said again only when the reason changes, not once a second.
+      if (e.what() != storeDown_) {
+         storeDown_ = e.what();
+         logError("still cannot write the database: " + storeDown_);
+      }
+      storeRetry_->scheduleTaskLowestDelay(kStoreRetryDelay);
+   }
 }
 
 std::variant<Json, std::string> Daemon::reload() {

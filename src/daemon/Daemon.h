@@ -82,6 +82,7 @@ class Daemon {
    void declareCounters();
    void serveControl();
    void commit();
+   void reopenStore();
    void stop();
 
    std::string configPath_;
@@ -113,6 +114,11 @@ class Daemon {
    std::unique_ptr<Rt::TimerTask> storeRetry_;
    StoreRetry storeRetryReactor_;
    bool commitFailing_ = false;
+   // Why the database could not be opened for writing at start; empty once
+   // it is (or if it was).
+   std::string storeDown_;
+   Seconds nextReopen_ = 0;
+   uint64_t storeOpenFailures_ = 0;
    bool stopped_ = false;
 };
 

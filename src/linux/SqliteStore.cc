@@ -153,7 +153,7 @@ int SqliteStore::onCommit(void* self) {
    return 0;  // let the commit go ahead
 }
 
-void SqliteStore::openSchema() {
+bool SqliteStore::checkSchema() {
    const std::string& path = db_->path();
    int64_t appId = 0;
    try {
@@ -186,6 +186,12 @@ void SqliteStore::openSchema() {
                        " is not the one this tavrind reads (" + std::to_string(kSchemaVersion) +
                        "); it was written by another release");
    }
+   return fresh;
+}
+
+void SqliteStore::openSchema() {
+   const bool fresh = checkSchema();
+   const std::string& path = db_->path();
    if (sqlite3_db_readonly(db_->get(), "main") == 1) {
       throw StoreError(path + ": opened read-only; tavrind must be able to write it",
                        SQLITE_READONLY);
@@ -204,6 +210,29 @@ void SqliteStore::openSchema() {
    db_->exec("PRAGMA synchronous = FULL", "setting synchronous");
    if (fresh) createSchema();
 }
+
+StoreLoadReport SqliteStore::loadReadOnly(const std::string& path, LeaseStatus& leaseStatus,
+                                          ConfiguredInterfaceStatus& interfaceStatus) {
+   std::error_code ec;
+   if (!std::filesystem::exists(path, ec)) return {};
+   std::unique_ptr<Sqlite::Connection> db;
+   try {
+      // A crashed daemon leaves its log and the log's index behind, and
+      // with them the file reads whole; after a clean stop there is
+      // neither, and on a read-only file system the index cannot be made:
+      // the main file then holds everything, read as immutable.
+      db = std::make_unique<Sqlite::Connection>(path, Sqlite::Connection::Access::readOnly);
+      db->queryInt("PRAGMA application_id", "reading the header");
+   } catch (const StoreError&) {
+      db = std::make_unique<Sqlite::Connection>(path, Sqlite::Connection::Access::immutable);
+   }
+   SqliteStore reader(std::move(db));
+   if (reader.checkSchema()) return {};
+   return reader.load(leaseStatus, interfaceStatus);
+}
+
+SqliteStore::SqliteStore(std::unique_ptr<Sqlite::Connection> db)
+    : db_(std::move(db)), queue_(std::make_unique<StoreQueue>()) {}
 
 void SqliteStore::createSchema() {
    Sqlite::WriteTransaction tx(*db_);

@@ -61,6 +61,11 @@ class SqliteStore {
    // Fills the entities from the database. Throws StoreError when the
    // database cannot be read.
    StoreLoadReport load(LeaseStatus& leaseStatus, ConfiguredInterfaceStatus& interfaceStatus);
+   // load() from a database that cannot be opened for writing (a read-only
+   // file system): nothing is created or changed. A missing file loads
+   // nothing. Throws StoreError when the file cannot be read.
+   static StoreLoadReport loadReadOnly(const std::string& path, LeaseStatus& leaseStatus,
+                                       ConfiguredInterfaceStatus& interfaceStatus);
 
    // Brings the database in line with the entities as they stand now (rows
    // they lack are deleted, differing rows rewritten, at the next commit),
@@ -83,6 +88,10 @@ class SqliteStore {
  private:
    class Statements;
 
+   // A reader only: no statements, no schema changes.
+   explicit SqliteStore(std::unique_ptr<Sqlite::Connection> db);
+   // Checks the file is tavrind's state in this schema; true if it is empty.
+   bool checkSchema();
    void openSchema();
    void createSchema();
    void reconcileLeases(const LeaseStatus& leaseStatus);

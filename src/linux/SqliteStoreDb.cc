@@ -1,26 +1,55 @@
 #include "linux/SqliteStoreDb.h"
 
+#include <cstdio>
 #include <cstring>
 
 namespace Tavrin::Linux::Sqlite {
 
 namespace {
 
-sqlite3* openDb(const std::string& path, int& rc) {
+// A file name as an SQLite URI: the characters a URI gives a meaning to
+// are escaped, so that any path names itself.
+std::string fileUri(const std::string& path, const char* query) {
+   std::string uri = "file:";
+   for (unsigned char c : path) {
+      if (c == '%' || c == '?' || c == '#') {
+         char esc[4];
+         std::snprintf(esc, sizeof esc, "%%%02X", c);
+         uri += esc;
+      } else {
+         uri += char(c);
+      }
+   }
+   return uri + query;
+}
+
+sqlite3* openDb(const std::string& path, Connection::Access access, int& rc) {
    sqlite3* db = nullptr;
    // One thread uses the connection: SQLite's own mutexes would only cost.
-   rc = sqlite3_open_v2(path.c_str(), &db,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+   switch (access) {
+      case Connection::Access::readWrite:
+         rc = sqlite3_open_v2(path.c_str(), &db,
+                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                              nullptr);
+         break;
+      case Connection::Access::readOnly:
+      case Connection::Access::immutable:
+         rc = sqlite3_open_v2(
+             fileUri(path, access == Connection::Access::readOnly ? "?mode=ro" : "?immutable=1")
+                 .c_str(),
+             &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr);
+         break;
+   }
    return db;
 }
 
 }  // namespace
 
-Connection::Connection(const std::string& path) : path_(path) {
+Connection::Connection(const std::string& path, Access access) : path_(path) {
    int rc = SQLITE_OK;
    // Owned before rc is looked at: SQLite hands out a handle even when the
    // open fails, and it has to be closed either way.
-   db_.reset(openDb(path, rc));
+   db_.reset(openDb(path, access, rc));
    if (!db_) throw StoreError(path + ": cannot open: out of memory");
    sqlite3_extended_result_codes(db_.get(), 1);
    if (rc != SQLITE_OK) fail(rc, "cannot open");

@@ -29,9 +29,13 @@ namespace Sqlite {
 
 class Connection {
  public:
-   // Opens (creating if absent) the database file at path for reading and
-   // writing. Throws StoreError when the file cannot be opened.
-   explicit Connection(const std::string& path);
+   enum class Access { readWrite, readOnly, immutable };
+   // Opens the database file at path: for reading and writing (creating it
+   // if absent), only for reading (an existing file, its write-ahead log
+   // included), or as immutable (a read-only file system where the log's
+   // index cannot be created: only what the main file holds). Throws
+   // StoreError when the file cannot be opened.
+   explicit Connection(const std::string& path, Access access = Access::readWrite);
 
    sqlite3* get() const { return db_.get(); }
    const std::string& path() const { return path_; }

@@ -379,6 +379,43 @@ TEST_F(SqliteStoreTest, followingCatchesUpWithChangesMadeSinceTheLoad) {
 
 // Files tavrind must refuse to use, each with a reason an operator can act
 // on; and refusing must not alter someone else's file.
+// What a daemon on a read-only file system starts from: the committed rows,
+// whether the writer stopped cleanly or was killed with its log still
+// there (the log's rows must be read too), and for a missing file nothing,
+// with nothing created.
+TEST_F(SqliteStoreTest, aReadOnlyLoadReadsWhatWasCommittedAndWritesNothing) {
+   for (bool writerAlive : {false, true}) {
+      SCOPED_TRACE(writerAlive ? "log still there" : "after a clean stop");
+      TempDir d;
+      const std::string file = d.file("tavrin.db");
+      auto written = Rt::makePtr<LeaseStatus>();
+      auto writtenRules = Rt::makePtr<ConfiguredInterfaceStatus>();
+      auto writer = std::make_unique<SqliteStore>(file);
+      writer->follow(written, writtenRules);
+      leaseIs(*written, "swp1", kA, 1700000000.5, 1700003600.25);
+      leaseIs(*written, "swp2", kC, 1700000001.5, 1700003601.25);
+      writtenRules->interfaceRuleIs(IntfId("swp1"), 1);
+      ASSERT_TRUE(writer->commit()) << writer->lastError();
+      if (!writerAlive)
+         writer.reset();
+      else
+         ASSERT_TRUE(fs::exists(file + "-wal"));
+
+      auto loaded = Rt::makePtr<LeaseStatus>();
+      auto loadedRules = Rt::makePtr<ConfiguredInterfaceStatus>();
+      auto report = SqliteStore::loadReadOnly(file, *loaded, *loadedRules);
+      EXPECT_EQ(report.leases, 2u);
+      EXPECT_EQ(entityLeaseRows(*loaded), entityLeaseRows(*written));
+      EXPECT_EQ(entityRuleRows(*loadedRules), entityRuleRows(*writtenRules));
+   }
+   auto loaded = Rt::makePtr<LeaseStatus>();
+   auto report = SqliteStore::loadReadOnly(path, *loaded, *rules);
+   EXPECT_EQ(report.leases, 0u);
+   EXPECT_FALSE(fs::exists(path));
+   std::ofstream(path) << "not a database, and long enough to have a header of its own....";
+   EXPECT_THROW(SqliteStore::loadReadOnly(path, *loaded, *rules), StoreError);
+}
+
 TEST(SqliteStoreOpen, refusesFilesThatAreNotItsDatabaseAndSaysWhy) {
    struct Case {
       const char* name;
