@@ -26,36 +26,13 @@
 set -u -o pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-ROOT=$(dirname "$HERE")
 # shellcheck source=lib.sh
 . "$HERE/lib.sh"
 
 lab_init rtnl-follower
 W=$LAB_WORK
 
-# ---------------------------------------------------------------- tool
-
-find_tool() {
-   local name=$1 var=$2 dir
-   if [ -n "${!var:-}" ]; then
-      [ -x "${!var}" ] || lab_die "$var=${!var} is not executable"
-      printf '%s' "${!var}"
-      return
-   fi
-   if [ -n "${LQ_PROBE:-}" ]; then
-      dir=$(dirname "$LQ_PROBE")
-      [ -x "$dir/$name" ] && { printf '%s' "$dir/$name"; return; }
-   fi
-   command -v cmake >/dev/null || lab_die "needs cmake to build $name (or set $var)"
-   lab_log "building $name"
-   cmake -S "$ROOT" -B "$W/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVRIN_TESTS=OFF \
-      >"$W/build.log" 2>&1 && cmake --build "$W/build" --target "$name" >>"$W/build.log" 2>&1 || {
-      tail -n 30 "$W/build.log" >&2
-      lab_die "$name did not build"
-   }
-   printf '%s' "$W/build/lab/$name"
-}
-WATCH=$(find_tool rtnl-watch RTNL_WATCH) || exit 2
+WATCH=$(lab_bin rtnl-watch RTNL_WATCH lab) || exit 2
 command -v python3 >/dev/null || lab_die "needs python3 to compare the views"
 command -v bridge >/dev/null || lab_die "needs 'bridge' (package iproute2)"
 

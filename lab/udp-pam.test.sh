@@ -23,34 +23,13 @@
 set -u -o pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-ROOT=$(dirname "$HERE")
 # shellcheck source=lib.sh
 . "$HERE/lib.sh"
 
 lab_init udp-pam
 W=$LAB_WORK
 
-find_tool() {
-   local name=$1 var=$2 dir
-   if [ -n "${!var:-}" ]; then
-      [ -x "${!var}" ] || lab_die "$var=${!var} is not executable"
-      printf '%s' "${!var}"
-      return
-   fi
-   if [ -n "${LQ_PROBE:-}" ]; then
-      dir=$(dirname "$LQ_PROBE")
-      [ -x "$dir/$name" ] && { printf '%s' "$dir/$name"; return; }
-   fi
-   command -v cmake >/dev/null || lab_die "needs cmake to build $name (or set $var)"
-   lab_log "building $name"
-   cmake -S "$ROOT" -B "$W/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVRIN_TESTS=OFF \
-      >"$W/build.log" 2>&1 && cmake --build "$W/build" --target "$name" >>"$W/build.log" 2>&1 || {
-      tail -n 30 "$W/build.log" >&2
-      lab_die "$name did not build"
-   }
-   printf '%s' "$W/build/lab/$name"
-}
-PROBE=$(find_tool udp-pam-probe UDP_PAM_PROBE) || exit 2
+PROBE=$(lab_bin udp-pam-probe UDP_PAM_PROBE lab) || exit 2
 command -v python3 >/dev/null || lab_die "needs python3 for the peer"
 
 NET=10.197

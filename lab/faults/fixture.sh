@@ -28,22 +28,11 @@ fx_tools() {
    root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
    if [ -z "$build" ] && [ -n "${LQ_PROBE:-}" ]; then build=$(dirname "$(dirname "$LQ_PROBE")"); fi
    [ -z "$build" ] && [ -x "$root/build/release/src/daemon/tavrind" ] && build=$root/build/release
-   if [ -z "$build" ] || [ ! -x "$build/src/daemon/tavrind" ] || [ ! -x "$build/lab/dhcp-swarm" ]; then
-      command -v cmake >/dev/null || lab_die "needs cmake to build tavrind (or set BUILD)"
-      build=$LAB_WORK/build
-      lab_log "building tavrind, tavrinctl and dhcp-swarm"
-      cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVRIN_TESTS=OFF \
-         -DTAVRIN_BENCH=OFF >"$LAB_WORK/build.log" 2>&1 &&
-         cmake --build "$build" -j2 --target tavrind tavrinctl dhcp-swarm >>"$LAB_WORK/build.log" 2>&1 || {
-         tail -n 30 "$LAB_WORK/build.log" >&2
-         lab_die "the tools did not build"
-      }
-   fi
    # Absolute: nsenter starts programs from another working directory.
-   build=$(cd "$build" && pwd)
-   TAVRIND=$build/src/daemon/tavrind
-   TAVRINCTL=$build/src/daemon/tavrinctl
-   SWARM=$build/lab/dhcp-swarm
+   [ -n "$build" ] && [ -d "$build" ] && build=$(cd "$build" && pwd)
+   TAVRIND=$(lab_bin tavrind TAVRIND src/daemon "$build") || exit 2
+   TAVRINCTL=$(lab_bin tavrinctl TAVRINCTL src/daemon "$build") || exit 2
+   SWARM=$(lab_bin dhcp-swarm DHCP_SWARM lab "$build") || exit 2
 }
 
 # fx_network NPORTS: the switch, the server and NPORTS client namespaces

@@ -21,6 +21,7 @@
 #include <set>
 #include <sstream>
 
+#include "linux/NetlinkAttrs.h"
 #include "linux/NetlinkWalk.h"
 
 namespace Tavrin::Linux::Nft {
@@ -29,14 +30,7 @@ namespace {
 
 // ---------------------------------------------------------------- policies
 
-// One row per attribute we read: its netlink type, the libmnl data type it
-// is validated as, and for fixed-size binary data its exact length.
-// Attributes not in a policy are skipped unread, so newer kernels may add any.
-struct AttrRule {
-   uint16_t type;
-   mnl_attr_data_type dataType;
-   size_t len;  // MNL_TYPE_BINARY: exact payload length; 0: any
-};
+using Netlink::AttrRule;
 
 constexpr size_t kMaxAttr = 20;
 
@@ -86,39 +80,7 @@ constexpr std::array kDataPolicy{
     AttrRule{NFTA_DATA_VALUE, MNL_TYPE_BINARY, 0},
 };
 
-// The validated attributes of one message or nest, by type.
-struct AttrTable {
-   std::array<const nlattr*, kMaxAttr + 1> attr{};
-   const AttrRule* rules = nullptr;
-   size_t ruleCount = 0;
-   // Where the walk got to: libmnl stops quietly at an attribute that claims
-   // more bytes than are left, so this tells a cut message from a whole one.
-   const char* walked = nullptr;
-   // The members of a list nest, in order.
-   std::vector<const nlattr*>* repeated = nullptr;
-   std::string error;
-
-   const nlattr* operator[](uint16_t type) const { return type <= kMaxAttr ? attr[type] : nullptr; }
-};
-
-int attrCallback(const nlattr* a, void* data) {
-   auto& t = *static_cast<AttrTable*>(data);
-   t.walked = reinterpret_cast<const char*>(a) + MNL_ALIGN(a->nla_len);
-   uint16_t type = mnl_attr_get_type(a);
-   for (size_t i = 0; i < t.ruleCount; ++i) {
-      const AttrRule& r = t.rules[i];
-      if (r.type != type) continue;
-      int rc = r.len ? mnl_attr_validate2(a, r.dataType, r.len) : mnl_attr_validate(a, r.dataType);
-      if (rc < 0) {
-         t.error = "attribute " + std::to_string(type) + " of " +
-                   std::to_string(mnl_attr_get_payload_len(a)) + " bytes: " + std::strerror(errno);
-         return MNL_CB_ERROR;
-      }
-      if (type <= kMaxAttr) t.attr[type] = a;
-      return MNL_CB_OK;
-   }
-   return MNL_CB_OK;
-}
+using AttrTable = Netlink::AttrTable<kMaxAttr>;
 
 // Every attribute of a list nest is one member, whatever its type: the
 // kernel reads them so, and libnftnl numbers them 1, 2, 3, ... where the
@@ -135,22 +97,9 @@ int listCallback(const nlattr* a, void* data) {
    return MNL_CB_OK;
 }
 
-void checkWalked(AttrTable& t, const char* first, const char* tail) {
-   if (!t.error.empty()) return;
-   const char* end = t.walked ? t.walked : first;
-   if (tail - end >= ptrdiff_t(sizeof(nlattr))) t.error = "an attribute runs past the end";
-}
-
 template <size_t N>
 bool parseAttrs(const nlmsghdr* nlh, const std::array<AttrRule, N>& policy, AttrTable& t) {
-   t.rules = policy.data();
-   t.ruleCount = policy.size();
-   if (mnl_attr_parse(nlh, sizeof(nfgenmsg), attrCallback, &t) < 0 && t.error.empty()) {
-      t.error = "attributes do not parse";
-   }
-   checkWalked(t, static_cast<const char*>(mnl_nlmsg_get_payload_offset(nlh, sizeof(nfgenmsg))),
-               static_cast<const char*>(mnl_nlmsg_get_payload_tail(nlh)));
-   return t.error.empty();
+   return Netlink::parseAttrs(nlh, sizeof(nfgenmsg), policy, t);
 }
 
 bool parseList(const nlattr* nest, AttrTable& t) {
@@ -158,21 +107,11 @@ bool parseList(const nlattr* nest, AttrTable& t) {
       t.error = "list members do not parse";
    }
    const char* first = static_cast<const char*>(mnl_attr_get_payload(nest));
-   checkWalked(t, first, first + mnl_attr_get_payload_len(nest));
+   Netlink::checkWalked(t, first, first + mnl_attr_get_payload_len(nest));
    return t.error.empty();
 }
 
-template <size_t N>
-bool parseNested(const nlattr* nest, const std::array<AttrRule, N>& policy, AttrTable& t) {
-   t.rules = policy.data();
-   t.ruleCount = policy.size();
-   if (mnl_attr_parse_nested(nest, attrCallback, &t) < 0 && t.error.empty()) {
-      t.error = "nested attributes do not parse";
-   }
-   const char* first = static_cast<const char*>(mnl_attr_get_payload(nest));
-   checkWalked(t, first, first + mnl_attr_get_payload_len(nest));
-   return t.error.empty();
-}
+using Netlink::parseNested;
 
 NftDigested malformed(std::string reason) {
    return {NftDigested::Status::malformed, {}, std::move(reason)};
