@@ -8,9 +8,12 @@
 // Pairs: MAC 02:00:5e:00:00:00 + i, IPv4 10.0.0.0 + i, all on port P, which
 // carries a locking rule. `program` prints, on standard output:
 //   load-seconds S rss-before-kb A peak-during-load-kb B load-peak-kb B-A elements E
+//   installed I resyncs R batches T
 // where the peak is the process's VmHWM with the mark reset (clear_refs 5)
 // just before the load, so B-A is what programming itself added on top of
-// the published table the process already held.
+// the published table the process already held (the installed table it
+// fills, I pairs, included); R counts read-backs of the whole table, which
+// a load nobody interferes with does without.
 // Exit: 0 loaded, 1 the kernel refused (the reason on standard error), 64 usage.
 //
 // Lab tool, not part of the agent.
@@ -104,10 +107,12 @@ int main(int argc, char** argv) {
    const auto t0 = std::chrono::steady_clock::now();
    bool ok = false;
    size_t elements = 0;
+   Linux::NftProgrammer::Counters counters;
    try {
       Linux::NftProgrammer programmer(loop, status, rules, installed, {});
       ok = programmer.start();
       elements = programmer.kernelView().allowedSize();
+      counters = programmer.counters();
       if (!ok) std::fprintf(stderr, "nft-load: %s\n", programmer.lastError().c_str());
    } catch (const std::exception& e) {
       std::fprintf(stderr, "nft-load: %s\n", e.what());
@@ -117,7 +122,9 @@ int main(int argc, char** argv) {
        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
    const long peak = statusKb("VmHWM:");
    std::printf("load-seconds %.3f rss-before-kb %ld peak-during-load-kb %ld load-peak-kb %ld "
-               "elements %zu\n",
-               secs, before, peak, peak - before, elements);
+               "elements %zu installed %zu resyncs %llu batches %llu\n",
+               secs, before, peak, peak - before, elements, installed->ipMacLeaseSize(),
+               static_cast<unsigned long long>(counters.resyncs),
+               static_cast<unsigned long long>(counters.batches));
    return ok ? 0 : 1;
 }

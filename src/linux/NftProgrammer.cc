@@ -104,7 +104,9 @@ bool NftProgrammer::start() {
    started_ = true;
    statusReactor_ = std::make_unique<StatusReactor>(*this, status_);
    rulesReactor_ = std::make_unique<RulesReactor>(*this, rules_);
-   for (const auto& [key, entry] : status_->ipMacLeaseAll()) handlePair(key);
+   // The rebuild below writes every published pair; marking each one dirty
+   // as well would only cost a set of a million keys.
+   for (const auto& [key, entry] : status_->ipMacLeaseAll()) noteUnrepresentable(entry);
    for (const auto& [port, rule] : rules_->interfaceRuleAll()) handleRule(port);
    needRebuild_ = true;
    flush();
@@ -116,12 +118,15 @@ bool NftProgrammer::start() {
 void NftProgrammer::handlePair(const IpMacLeaseKey& key) {
    planner_.pairDirty(key);
    auto entry = status_->ipMacLease(key);
-   if (!entry) return;
-   if (auto why = Nft::unrepresentable(*entry)) {
+   if (entry) noteUnrepresentable(*entry);
+}
+
+void NftProgrammer::noteUnrepresentable(const IpMacLeaseEntry& entry) {
+   if (auto why = Nft::unrepresentable(entry)) {
       ++counters_.unrepresentable;
       TAVRIN_TRACE(nftTrace(), 1,
-                   "cannot allow mac " << key.mac << ", ip " << key.ip << " on " << entry->intfId
-                                       << ": " << *why);
+                   "cannot allow mac " << entry.key.mac << ", ip " << entry.key.ip << " on "
+                                       << entry.intfId << ": " << *why);
    }
 }
 
@@ -233,61 +238,165 @@ void NftProgrammer::flush() {
 }
 
 bool NftProgrammer::rebuild() {
-   // Closed while the table is replaced: the replacement's own notifications
-   // (a million elements, and the old table's deletion) are no news, and
-   // telling them from someone else's change would take more than reading
-   // the table back once afterwards.
+   // Closed while the table is replaced and filled: the replacement's own
+   // notifications (a million elements, and the old table's deletion) are
+   // no news, and with nobody listening the kernel does not even write them.
    closeNotifications();
    std::vector<IntfId> locked;
    for (const auto& [port, rule] : rules_->interfaceRuleAll()) {
       if (desired().locked(port)) locked.push_back(port);
    }
-   std::vector<Nft::AllowedElem> allowed;
-   allowed.reserve(status_->ipMacLeaseSize());
+   // The first pairs ride in the replacement itself, so that they never
+   // miss a packet; the rest follow in batches right after, bounded in
+   // memory where text through libnftables costs about a kilobyte each.
+   std::vector<Nft::AllowedElem> first;
    for (const auto& [key, entry] : status_->ipMacLeaseAll()) {
-      if (key.ip.isV6()) continue;
-      if (auto e = desired().allowed(Nft::PairKey{key.mac, key.ip.v4Addr()})) allowed.push_back(*e);
+      if (first.size() >= options_.replaceItems) break;
+      if (Nft::unrepresentable(entry) || !Nft::textSafe(entry.intfId.name())) continue;
+      first.push_back(Nft::AllowedElem{entry.intfId, key.mac, key.ip.v4Addr()});
    }
-   auto replace = Nft::tableReplaceText(options_.settings, locked, allowed);
-
-   std::unique_ptr<nft_ctx, NftCtxFree> ctx(nft_ctx_new(NFT_CTX_DEFAULT));
-   if (!ctx) {
-      ++counters_.rebuildFailures;
-      failed("cannot set up libnftables");
-      return false;
+   // A generation moved by exactly one across the replacement means no
+   // transaction but ours happened in between: the kernel holds what we
+   // sent, and reading it back would tell us nothing.
+   const auto before = Nft::readGeneration(*commands_, seq_);
+   {
+      const auto replace = Nft::tableReplaceText(options_.settings, locked, first);
+      std::unique_ptr<nft_ctx, NftCtxFree> ctx(nft_ctx_new(NFT_CTX_DEFAULT));
+      if (!ctx) {
+         ++counters_.rebuildFailures;
+         failed("cannot set up libnftables");
+         return false;
+      }
+      nft_ctx_buffer_output(ctx.get());
+      nft_ctx_buffer_error(ctx.get());
+      if (nft_run_cmd_from_buffer(ctx.get(), replace.text.c_str()) != 0) {
+         ++counters_.rebuildFailures;
+         failed("replacing table bridge " + std::string(Nft::kTable) + ": " +
+                trimmed(nft_ctx_get_error_buffer(ctx.get())));
+         return false;
+      }
    }
-   nft_ctx_buffer_output(ctx.get());
-   nft_ctx_buffer_error(ctx.get());
-   if (nft_run_cmd_from_buffer(ctx.get(), replace.text.c_str()) != 0) {
-      ++counters_.rebuildFailures;
-      failed("replacing table bridge " + std::string(Nft::kTable) + ": " +
-             trimmed(nft_ctx_get_error_buffer(ctx.get())));
-      return false;
-   }
+   const auto after = Nft::readGeneration(*commands_, seq_);
    ++counters_.rebuilds;
    view_.clear();
+   view_.allowedReserve(status_->ipMacLeaseSize());
    for (auto port : locked) {
       if (Nft::textSafe(port.name())) view_.lockedIs(port);
    }
-   for (const auto& e : allowed) {
-      if (Nft::textSafe(e.port.name())) view_.allowedIs(e);
-   }
+   for (const auto& e : first) view_.allowedIs(e);
    TAVRIN_TRACE(nftTrace(), 3,
                 "replaced table bridge " << Nft::kTable << ": " << view_.lockedAll().size()
                                          << " locked ports, " << view_.allowedSize()
-                                         << " allowed pairs");
-   if (!replace.lockedLeftOut.empty() || !replace.allowedLeftOut.empty()) {
-      // Names nftables text cannot spell; netlink can, in the batch that follows.
-      TAVRIN_TRACE(nftTrace(), 3,
-                   "adding " << replace.lockedLeftOut.size() << " ports and "
-                             << replace.allowedLeftOut.size()
-                             << " pairs with unusual port names by netlink");
-   }
+                                         << " allowed pairs; adding the rest by netlink");
+   // A read-back that was due is superseded: the table is what we just
+   // wrote, and the view was built from it.
    needRebuild_ = false;
-   needResync_ = true;
+   needResync_ = false;
    structure_.clear();
-   planner_.allDirty();
+   planner_.clear();
+   const bool alone = before && after && *after == Nft::nextGeneration(*before);
+   fillGeneration_ = alone ? *after : 0;
+   const bool filled = fill();
+   const uint32_t expected = fillGeneration_;
+   fillGeneration_ = 0;
+   if (!filled) return false;
+   if (needResync_) return true;
+   try {
+      openNotifications();
+   } catch (const Nft::NftError& e) {
+      needResync_ = true;
+      failed("following table bridge " + std::string(Nft::kTable) + ": " + e.what());
+      return false;
+   }
+   // From the subscription on, notifications tell of every change; before
+   // it, the generation says whether there was any.
+   const auto now = Nft::readGeneration(*commands_, seq_);
+   if (!alone || !now || *now != expected) {
+      needResync_ = true;
+      TAVRIN_TRACE(nftTrace(), 1,
+                   "nf_tables changed while table bridge " << Nft::kTable
+                                                           << " was built; reading it back");
+      return true;
+   }
+   publishInstalledAll();
+   succeeded();
    return true;
+}
+
+bool NftProgrammer::fill() {
+   // Ports first: the ARP drop counters and map, and locks that text could
+   // not spell, so that no locked port waits for a million pairs.
+   Nft::Planner ports;
+   for (const auto& [port, rule] : rules_->interfaceRuleAll()) ports.portDirty(port);
+   Nft::Plan plan = ports.plan(desired(), view_);
+   auto result = send(plan);
+   Nft::Plan chunk;
+   if (result.ok) {
+      for (const auto& [key, entry] : status_->ipMacLeaseAll()) {
+         if (Nft::unrepresentable(entry)) continue;
+         const Nft::AllowedElem e{entry.intfId, key.mac, key.ip.v4Addr()};
+         if (view_.allowedHas(e)) continue;
+         chunk.allowedAdd.push_back(e);
+         if (chunk.allowedAdd.size() < options_.maxBatchItems) continue;
+         result = send(chunk);
+         chunk.allowedAdd.clear();
+         if (!result.ok) break;
+      }
+   }
+   if (result.ok) result = send(chunk);
+   if (result.ok) return true;
+   needResync_ = true;
+   if (result.refusal == ERESTART) {
+      // Someone else's transaction came between two of ours: what the table
+      // holds is no longer only what we sent.
+      TAVRIN_TRACE(nftTrace(), 1,
+                   "nf_tables changed while table bridge " << Nft::kTable
+                                                           << " was filled; reading it back");
+      return true;
+   }
+   ++counters_.batchFailures;
+   failed(result.error);
+   return false;
+}
+
+Nft::CommitResult NftProgrammer::send(const Nft::Plan& plan) {
+   auto parts = Nft::splitPlan(plan, options_.maxBatchItems);
+   std::deque<Nft::Plan> queue(parts.begin(), parts.end());
+   while (!queue.empty()) {
+      Nft::Plan part = std::move(queue.front());
+      queue.pop_front();
+      if (part.empty()) continue;
+      Nft::Batch batch(seq_, fillGeneration_);
+      batch.add(part);
+      batch.finish();
+      if (batch.bytes() > commands_->sendLimit() && part.size() > 1) {
+         // Too large for one send on this system: halves, in order.
+         auto halves = Nft::splitPlan(part, (part.size() + 1) / 2);
+         queue.insert(queue.begin(), halves.begin(), halves.end());
+         continue;
+      }
+      seq_ = batch.nextSeq();
+      auto result = Nft::commit(*commands_, batch);
+      if (!result.ok) {
+         result.error = "writing " + std::to_string(part.size()) + " changes to table bridge " +
+                        std::string(Nft::kTable) + ": " + result.error;
+         return result;
+      }
+      if (fillGeneration_) fillGeneration_ = Nft::nextGeneration(fillGeneration_);
+      Nft::apply(view_, part);
+      ++counters_.batches;
+      counters_.elementsAdded += part.counterAdd.size() + part.arpMapAdd.size() +
+                                 part.allowedAdd.size() + part.lockedAdd.size();
+      counters_.elementsRemoved += part.arpMapDel.size() + part.allowedDel.size() +
+                                   part.lockedDel.size() + part.counterDel.size();
+      TAVRIN_TRACE(nftTrace(), 4,
+                   "committed " << part.allowedAdd.size() << " allowed pairs added, "
+                                << part.allowedDel.size() << " removed, " << part.lockedAdd.size()
+                                << " ports locked, " << part.lockedDel.size() << " unlocked");
+   }
+   Nft::CommitResult ok;
+   ok.ok = true;
+   return ok;
 }
 
 bool NftProgrammer::resync() {
@@ -366,43 +475,15 @@ bool NftProgrammer::commitPlan() {
    drainNotifications();
    if (needRebuild_ || needResync_) return false;
    const Nft::Plan plan = planner_.plan(desired(), view_);
-   auto parts = Nft::splitPlan(plan, options_.maxBatchItems);
-   std::deque<Nft::Plan> queue(parts.begin(), parts.end());
-   while (!queue.empty()) {
-      Nft::Plan part = std::move(queue.front());
-      queue.pop_front();
-      if (part.empty()) continue;
-      Nft::Batch batch(seq_);
-      batch.add(part);
-      batch.finish();
-      if (batch.bytes() > commands_->sendLimit() && part.size() > 1) {
-         // Too large for one send on this system: halves, in order.
-         auto halves = Nft::splitPlan(part, (part.size() + 1) / 2);
-         queue.insert(queue.begin(), halves.begin(), halves.end());
-         continue;
-      }
-      seq_ = batch.nextSeq();
-      auto result = Nft::commit(*commands_, batch);
-      if (!result.ok) {
-         ++counters_.batchFailures;
-         // The kernel undid the whole transaction, but what it holds may also
-         // have moved under it: read it back before trying again.
-         needResync_ = true;
-         for (const auto& key : planner_.dirtyPairs()) publishInstalled(key);
-         failed("writing " + std::to_string(part.size()) + " changes to table bridge " +
-                std::string(Nft::kTable) + ": " + result.error);
-         return false;
-      }
-      Nft::apply(view_, part);
-      ++counters_.batches;
-      counters_.elementsAdded += part.counterAdd.size() + part.arpMapAdd.size() +
-                                 part.allowedAdd.size() + part.lockedAdd.size();
-      counters_.elementsRemoved += part.arpMapDel.size() + part.allowedDel.size() +
-                                   part.lockedDel.size() + part.counterDel.size();
-      TAVRIN_TRACE(nftTrace(), 4,
-                   "committed " << part.allowedAdd.size() << " allowed pairs added, "
-                                << part.allowedDel.size() << " removed, " << part.lockedAdd.size()
-                                << " ports locked, " << part.lockedDel.size() << " unlocked");
+   auto result = send(plan);
+   if (!result.ok) {
+      ++counters_.batchFailures;
+      // The kernel undid the whole transaction, but what it holds may also
+      // have moved under it: read it back before trying again.
+      needResync_ = true;
+      for (const auto& key : planner_.dirtyPairs()) publishInstalled(key);
+      failed(result.error);
+      return false;
    }
    if (planner_.allDirtyIs()) {
       publishInstalledAll();

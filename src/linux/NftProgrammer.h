@@ -8,12 +8,21 @@
 // installed pairs ("tavrin/hardware/installedConfig", in the shape of the
 // published table), as the kernel holds them.
 //
-// At start the table is replaced whole, in one transaction that already
-// holds every published pair, so a restarted daemon opens no gap for
-// clients that passed before. From then on, changes are only noted as they
-// happen; flush(), the event loop's iteration-end hook, sends everything one
-// iteration changed as one netlink transaction. The hook is registered after
-// the database commit's, so a pair reaches the kernel only once it is on disk.
+// At start the table is replaced whole, in one transaction that holds the
+// rules, the locked ports and the first Options::replaceItems published
+// pairs: no packet ever meets a locked port without its rules, and the
+// clients of those pairs lose nothing across a restart. The other pairs
+// follow at once in netlink transactions of Options::maxBatchItems, so the
+// programmer's memory is bounded by one of them plus its view, not by the
+// table; until its transaction is in, a client of such a pair is dropped
+// (and trapped), never let through unchecked. Each of those transactions
+// carries the generation the rule set must be at, so that anyone else's
+// commit in between is noticed; only then is the table read back, and
+// otherwise the kernel's acknowledgements are taken for what it holds. From
+// then on, changes are only noted as they happen; flush(), the event loop's
+// iteration-end hook, sends everything one iteration changed as one netlink
+// transaction. The hook is registered after the database commit's, so a
+// pair reaches the kernel only once it is on disk.
 //
 // Drift: the programmer follows the kernel's nf_tables notifications for its
 // table, and puts right what someone else changed: an element removed
@@ -22,7 +31,8 @@
 // nothing changes and repair at once, where re-reading a table of a million
 // elements to compare would cost seconds each time. When notifications are
 // lost (the socket overflowed) or a transaction fails, the table is read
-// back whole and compared instead. Kernel errors are traced, counted and
+// back whole and compared instead (the kernel's set dump restarts its walk
+// at each continuation, so that costs seconds at a million elements). Kernel errors are traced, counted and
 // retried with a growing delay, never asserted on.
 #pragma once
 
@@ -48,6 +58,10 @@ class NftProgrammer {
       int bufferBytes = 8 << 20;
       // Items per transaction; more are sent as several, in order.
       size_t maxBatchItems = 50000;
+      // Allowed pairs written within the table's replacement itself (as
+      // nftables text, about a kilobyte of memory each while it is parsed);
+      // the rest follow in transactions of maxBatchItems.
+      size_t replaceItems = 10000;
    };
    struct Counters {
       uint64_t rebuilds = 0;         // whole-table replacements
@@ -108,8 +122,11 @@ class NftProgrammer {
    void openNotifications();
    void closeNotifications();
    bool rebuild();
+   bool fill();
    bool resync();
    bool commitPlan();
+   Nft::CommitResult send(const Nft::Plan& plan);
+   void noteUnrepresentable(const IpMacLeaseEntry& entry);
    bool structureExpected(const std::vector<Nft::StructureMsg>& structure) const;
    void publishInstalled(const Nft::PairKey& key);
    void publishInstalledAll();
@@ -133,6 +150,9 @@ class NftProgrammer {
    std::vector<Nft::StructureMsg> structure_;
    std::vector<uint8_t> rxBuf_;
    uint32_t seq_;
+   // While the table is filled after its replacement: the generation the
+   // rule set is at if nobody but us committed since; 0 otherwise.
+   uint32_t fillGeneration_ = 0;
    bool started_ = false;
    bool needRebuild_ = true;
    bool needResync_ = false;

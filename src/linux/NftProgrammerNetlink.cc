@@ -451,10 +451,11 @@ struct ObjFreer {
 
 }  // namespace
 
-Batch::Batch(uint32_t firstSeq) : first_(firstSeq), seq_(firstSeq) {
+Batch::Batch(uint32_t firstSeq, uint32_t generation) : first_(firstSeq), seq_(firstSeq) {
    batch_.reset(nftnl_batch_alloc(kBatchPage, kBatchOverrun));
    if (!batch_) throw NftError("out of memory for an nf_tables batch");
-   nftnl_batch_begin(static_cast<char*>(nftnl_batch_buffer(batch_.get())), seq_++);
+   nlmsghdr* begin = nftnl_batch_begin(static_cast<char*>(nftnl_batch_buffer(batch_.get())), seq_++);
+   if (generation != 0) mnl_attr_put_u32(begin, NFNL_BATCH_GENID, htonl(generation));
    nftnl_batch_update(batch_.get());
 }
 
@@ -624,6 +625,7 @@ CommitResult commit(NlSocket& sock, const Batch& batch) {
          r.error =
              (what == batch.acked().end() ? std::string("committing the batch") : what->second) +
              ": " + errnoText(-err->error);
+         r.refusal = -err->error;
          return true;
       });
    }
@@ -671,7 +673,7 @@ int dumpCb(const nlmsghdr* nlh, void* data) {
 
 // Sends one request and reads its answer to the end. 0, or the errno the
 // kernel answered with (or that reading failed with).
-int request(NlSocket& sock, nlmsghdr* nlh, DumpCtx& ctx) {
+int request(NlSocket& sock, nlmsghdr* nlh, mnl_cb_t cb, void* data) {
    if (mnl_socket_sendto(sock.get(), nlh, nlh->nlmsg_len) < 0) return errno;
    const uint32_t seq = nlh->nlmsg_seq;
    const uint32_t portid = mnl_socket_get_portid(sock.get());
@@ -687,7 +689,7 @@ int request(NlSocket& sock, nlmsghdr* nlh, DumpCtx& ctx) {
          continue;
       }
       if (n < 0) return errno;
-      int rc = mnl_cb_run(buf.data(), size_t(n), seq, portid, dumpCb, &ctx);
+      int rc = mnl_cb_run(buf.data(), size_t(n), seq, portid, cb, data);
       if (rc == MNL_CB_STOP) return 0;
       if (rc < 0) return errno ? errno : EPROTO;
    }
@@ -695,6 +697,14 @@ int request(NlSocket& sock, nlmsghdr* nlh, DumpCtx& ctx) {
 
 nlmsghdr* requestHeader(std::vector<char>& buf, uint16_t type, uint16_t flags, uint32_t seq) {
    return nftnl_nlmsg_build_hdr(buf.data(), type, NFPROTO_BRIDGE, flags, seq);
+}
+
+int generationCb(const nlmsghdr* nlh, void* data) {
+   auto d = digestNft(nlh, nlh->nlmsg_len);
+   if (const auto* g = std::get_if<GenerationMsg>(&d.msg); g && d.status == NftDigested::Status::ok) {
+      *static_cast<std::optional<uint32_t>*>(data) = g->id;
+   }
+   return MNL_CB_OK;
 }
 
 }  // namespace
@@ -709,7 +719,7 @@ TableDump dumpTable(NlSocket& sock, uint32_t& seq) {
    // building it rather than reading on.
    nlmsghdr* nlh = requestHeader(buf, NFT_MSG_GETTABLE, NLM_F_ACK, seq++);
    mnl_attr_put_strz(nlh, NFTA_TABLE_NAME, table.c_str());
-   if (int err = request(sock, nlh, ctx)) {
+   if (int err = request(sock, nlh, dumpCb, &ctx)) {
       out.outcome = err == ENOENT ? TableDump::Outcome::missing : TableDump::Outcome::failed;
       out.error = "reading table bridge " + table + ": " + errnoText(err);
       return out;
@@ -729,7 +739,7 @@ TableDump dumpTable(NlSocket& sock, uint32_t& seq) {
    for (const auto& step : steps) {
       nlh = requestHeader(buf, step.type, NLM_F_DUMP, seq++);
       if (step.tableAttr) mnl_attr_put_strz(nlh, step.tableAttr, table.c_str());
-      if (int err = request(sock, nlh, ctx)) {
+      if (int err = request(sock, nlh, dumpCb, &ctx)) {
          out.error = std::string("reading the ") + step.what + ": " + errnoText(err);
          return out;
       }
@@ -738,7 +748,7 @@ TableDump dumpTable(NlSocket& sock, uint32_t& seq) {
    nlh = requestHeader(buf, NFT_MSG_GETOBJ, NLM_F_DUMP, seq++);
    mnl_attr_put_strz(nlh, NFTA_OBJ_TABLE, table.c_str());
    mnl_attr_put_u32(nlh, NFTA_OBJ_TYPE, htonl(NFT_OBJECT_COUNTER));
-   if (int err = request(sock, nlh, ctx)) {
+   if (int err = request(sock, nlh, dumpCb, &ctx)) {
       out.error = "reading the counters: " + errnoText(err);
       return out;
    }
@@ -748,7 +758,7 @@ TableDump dumpTable(NlSocket& sock, uint32_t& seq) {
       nlh = requestHeader(buf, NFT_MSG_GETSETELEM, NLM_F_DUMP, seq++);
       mnl_attr_put_strz(nlh, NFTA_SET_ELEM_LIST_TABLE, table.c_str());
       mnl_attr_put_strz(nlh, NFTA_SET_ELEM_LIST_SET, name.c_str());
-      if (int err = request(sock, nlh, ctx)) {
+      if (int err = request(sock, nlh, dumpCb, &ctx)) {
          // A set of ours that is gone is a table that is not ours any more.
          out.outcome = err == ENOENT ? TableDump::Outcome::missing : TableDump::Outcome::failed;
          out.error = "reading set " + name + ": " + errnoText(err);
@@ -758,6 +768,20 @@ TableDump dumpTable(NlSocket& sock, uint32_t& seq) {
    std::sort(out.structure.begin(), out.structure.end());
    out.outcome = TableDump::Outcome::ok;
    return out;
+}
+
+std::optional<uint32_t> readGeneration(NlSocket& sock, uint32_t& seq) {
+   std::vector<char> buf(MNL_SOCKET_BUFFER_SIZE);
+   // The generation belongs to the whole rule set, not to a family; the
+   // acknowledgement marks the end of the answer.
+   nlmsghdr* nlh = nftnl_nlmsg_build_hdr(buf.data(), NFT_MSG_GETGEN, AF_UNSPEC, NLM_F_ACK, seq++);
+   std::optional<uint32_t> out;
+   if (request(sock, nlh, generationCb, &out) != 0) return std::nullopt;
+   return out;
+}
+
+uint32_t nextGeneration(uint32_t generation) {
+   return generation + 1 == 0 ? 1 : generation + 1;
 }
 
 }  // namespace Tavrin::Linux::Nft

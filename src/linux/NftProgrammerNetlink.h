@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -128,7 +129,10 @@ class Batch {
  public:
    static constexpr size_t kElemsPerMessage = 256;
 
-   explicit Batch(uint32_t firstSeq);
+   // With a generation, the kernel refuses the whole transaction (ERESTART)
+   // unless its rule set is still at that generation: nobody else committed
+   // anything since. 0 takes whatever is there.
+   explicit Batch(uint32_t firstSeq, uint32_t generation = 0);
    ~Batch();
    Batch(const Batch&) = delete;
    Batch& operator=(const Batch&) = delete;
@@ -163,6 +167,7 @@ class Batch {
 struct CommitResult {
    bool ok = false;
    std::string error;  // the first refusal, with what it refused
+   int refusal = 0;    // the kernel's errno for it; 0 when it did not answer
 };
 
 // Sends the transaction and reads the kernel's verdict. The kernel handles a
@@ -185,5 +190,11 @@ struct TableDump {
 
 // Reads the table back whole. seq advances by the requests made.
 TableDump dumpTable(NlSocket& sock, uint32_t& seq);
+
+// The rule set's generation: every committed transaction, anyone's, moves it
+// on by one. nullopt when the kernel did not say.
+std::optional<uint32_t> readGeneration(NlSocket& sock, uint32_t& seq);
+// The generation a commit at `generation` leaves behind (0 is never used).
+uint32_t nextGeneration(uint32_t generation);
 
 }  // namespace Tavrin::Linux::Nft

@@ -6,33 +6,125 @@ namespace Tavrin::Linux::Nft {
 
 // ---------------------------------------------------------------- kernel view
 
-bool KernelView::allowedHas(const AllowedElem& e) const {
-   auto [b, end] = allowed_.equal_range(PairKey{e.mac, e.ip});
-   return std::any_of(b, end, [&e](const auto& kv) { return kv.second == e.port; });
+namespace {
+
+// Slots per element at most: beyond that, runs grow long under linear probing.
+constexpr size_t kLoadNum = 4;
+constexpr size_t kLoadDen = 5;
+
+}  // namespace
+
+uint64_t AllowedTable::hashOf(uint64_t mac, uint32_t ip) {
+   return mixHash(mac ^ (mixHash(ip) << 1));
 }
 
-bool KernelView::allowedIs(const AllowedElem& e) {
-   if (allowedHas(e)) return false;
-   allowed_.emplace(PairKey{e.mac, e.ip}, e.port);
+size_t AllowedTable::home(uint64_t mac, uint32_t ip) const {
+   // Any table size, not only powers of two: the top bits of the product.
+   return size_t((static_cast<unsigned __int128>(hashOf(mac, ip)) * slots_.size()) >> 64);
+}
+
+size_t AllowedTable::home(const Slot& s) const {
+   return home(EthAddr(s.mac).toU64(), s.ip);
+}
+
+std::optional<uint32_t> AllowedTable::portFind(IntfId port) const {
+   auto it = portIndex_.find(port);
+   if (it == portIndex_.end()) return std::nullopt;
+   return it->second;
+}
+
+uint32_t AllowedTable::portIndex(IntfId port) {
+   auto [it, added] = portIndex_.try_emplace(port, uint32_t(ports_.size()));
+   if (added) ports_.push_back(port);
+   return it->second;
+}
+
+AllowedElem AllowedTable::elem(const Slot& s) const {
+   return AllowedElem{ports_[s.port], EthAddr(s.mac), IpAddr(s.ip)};
+}
+
+std::optional<size_t> AllowedTable::find(const AllowedElem& e) const {
+   if (slots_.empty()) return std::nullopt;
+   auto port = portFind(e.port);
+   if (!port) return std::nullopt;
+   const uint32_t ip = e.ip.value();
+   for (size_t i = home(e.mac.toU64(), ip);; i = next(i)) {
+      const Slot& s = slots_[i];
+      if (s.port == kEmpty) return std::nullopt;
+      if (s.port == *port && s.ip == ip && s.mac == e.mac.bytes()) return i;
+   }
+}
+
+bool AllowedTable::has(const AllowedElem& e) const {
+   return find(e).has_value();
+}
+
+std::vector<IntfId> AllowedTable::ports(const PairKey& key) const {
+   std::vector<IntfId> out;
+   if (slots_.empty()) return out;
+   const uint32_t ip = key.ip.value();
+   for (size_t i = home(key.mac.toU64(), ip);; i = next(i)) {
+      const Slot& s = slots_[i];
+      if (s.port == kEmpty) return out;
+      if (s.ip == ip && s.mac == key.mac.bytes()) out.push_back(ports_[s.port]);
+   }
+}
+
+void AllowedTable::grow(size_t atLeast) {
+   const size_t want = std::max<size_t>(16, atLeast * kLoadDen / kLoadNum + 1);
+   if (want <= slots_.size()) return;
+   std::vector<Slot> old(want);
+   old.swap(slots_);
+   for (const Slot& s : old) {
+      if (s.port == kEmpty) continue;
+      size_t i = home(s);
+      while (slots_[i].port != kEmpty) i = next(i);
+      slots_[i] = s;
+   }
+}
+
+void AllowedTable::reserve(size_t n) {
+   grow(n);
+}
+
+bool AllowedTable::insert(const AllowedElem& e) {
+   if (has(e)) return false;
+   if ((size_ + 1) * kLoadDen > slots_.size() * kLoadNum) grow(std::max(size_ + 1, size_ * 2));
+   Slot slot;
+   slot.ip = e.ip.value();
+   slot.port = portIndex(e.port);
+   slot.mac = e.mac.bytes();
+   size_t i = home(slot);
+   while (slots_[i].port != kEmpty) i = next(i);
+   slots_[i] = slot;
+   ++size_;
    return true;
 }
 
-bool KernelView::allowedDel(const AllowedElem& e) {
-   auto [b, end] = allowed_.equal_range(PairKey{e.mac, e.ip});
-   for (auto it = b; it != end; ++it) {
-      if (it->second == e.port) {
-         allowed_.erase(it);
-         return true;
-      }
+bool AllowedTable::erase(const AllowedElem& e) {
+   auto found = find(e);
+   if (!found) return false;
+   size_t hole = *found;
+   slots_[hole] = Slot{};
+   --size_;
+   // Pull back every later slot of the run that may live in the hole, so
+   // that no lookup stops early at it.
+   for (size_t j = next(hole); slots_[j].port != kEmpty; j = next(j)) {
+      const size_t k = home(slots_[j]);
+      const bool staysPut = hole <= j ? (hole < k && k <= j) : (hole < k || k <= j);
+      if (staysPut) continue;
+      slots_[hole] = slots_[j];
+      slots_[j] = Slot{};
+      hole = j;
    }
-   return false;
+   return true;
 }
 
-std::vector<IntfId> KernelView::allowedPorts(const PairKey& key) const {
-   std::vector<IntfId> out;
-   auto [b, end] = allowed_.equal_range(key);
-   for (auto it = b; it != end; ++it) out.push_back(it->second);
-   return out;
+void AllowedTable::clear() {
+   std::vector<Slot>().swap(slots_);
+   size_ = 0;
+   ports_.assign(1, IntfId());
+   portIndex_.clear();
 }
 
 std::optional<std::string> KernelView::arpMap(IntfId port) const {
@@ -164,12 +256,17 @@ void Planner::planPort(IntfId port, const Desired& desired, const KernelView& ke
 Plan Planner::plan(const Desired& desired, const KernelView& kernel) const {
    Plan out;
    if (all_) {
-      std::unordered_set<PairKey> pairs;
+      // Each pair once, without a set of a million keys to say which were
+      // seen: a published pair is planned from the published side (all its
+      // ports at once), an element nobody asks for from the kernel's side.
       for (const auto& [key, entry] : desired.status.ipMacLeaseAll()) {
-         if (!key.ip.isV6()) pairs.insert(PairKey{key.mac, key.ip.v4Addr()});
+         if (key.ip.isV6()) continue;
+         const PairKey pair{key.mac, key.ip.v4Addr()};
+         if (desired.allowed(pair)) planPair(pair, desired, kernel, out);
       }
-      kernel.allowedForEach([&pairs](const AllowedElem& e) { pairs.insert(PairKey{e.mac, e.ip}); });
-      for (const auto& key : pairs) planPair(key, desired, kernel, out);
+      kernel.allowedForEach([&](const AllowedElem& e) {
+         if (!desired.allowed(PairKey{e.mac, e.ip})) out.allowedDel.push_back(e);
+      });
       std::set<IntfId> ports;
       for (const auto& [port, rule] : desired.rules.interfaceRuleAll()) ports.insert(port);
       ports.insert(kernel.lockedAll().begin(), kernel.lockedAll().end());

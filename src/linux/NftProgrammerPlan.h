@@ -10,6 +10,8 @@
 // came and went costs nothing.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
@@ -44,19 +46,69 @@ struct std::hash<Tavrin::Linux::Nft::PairKey> {
 
 namespace Tavrin::Linux::Nft {
 
+// The `allowed` elements the kernel holds, kept flat: a million of them is
+// the common case, and node-based maps cost four to five times the 16 bytes
+// an element needs here. Open addressing with linear probing on the pair
+// alone, so that every port holding a pair is found in one run of slots;
+// deletion shifts the run back instead of leaving tombstones, so a long-lived
+// daemon's churn never slows lookups down.
+class AllowedTable {
+ public:
+   bool has(const AllowedElem& e) const;
+   bool insert(const AllowedElem& e);  // false when present already
+   bool erase(const AllowedElem& e);   // false when absent
+   std::vector<IntfId> ports(const PairKey& key) const;
+   size_t size() const { return size_; }
+   // Room for n elements without growing, for a caller that knows its count.
+   void reserve(size_t n);
+   // Frees the slots too: the table after a rebuild may be much smaller.
+   void clear();
+   template <class F>
+   void forEach(F&& f) const {
+      for (const auto& s : slots_) {
+         if (s.port != kEmpty) f(elem(s));
+      }
+   }
+
+ private:
+   struct Slot {
+      uint32_t ip = 0;
+      uint32_t port = 0;  // index into ports_; kEmpty marks a free slot
+      std::array<uint8_t, 6> mac{};
+   };
+   static constexpr uint32_t kEmpty = 0;
+
+   static uint64_t hashOf(uint64_t mac, uint32_t ip);
+   size_t home(const Slot& s) const;
+   size_t home(uint64_t mac, uint32_t ip) const;
+   size_t next(size_t i) const { return i + 1 == slots_.size() ? 0 : i + 1; }
+   uint32_t portIndex(IntfId port);  // adds the port when new
+   std::optional<uint32_t> portFind(IntfId port) const;
+   AllowedElem elem(const Slot& s) const;
+   std::optional<size_t> find(const AllowedElem& e) const;
+   void grow(size_t atLeast);
+
+   std::vector<Slot> slots_;
+   size_t size_ = 0;
+   // Ports by the index slots hold; ports_[0] stands for "free".
+   std::vector<IntfId> ports_{IntfId()};
+   std::unordered_map<IntfId, uint32_t> portIndex_;
+};
+
 // What the kernel's table holds, as far as the programmer knows.
 class KernelView {
  public:
-   bool allowedHas(const AllowedElem& e) const;
+   bool allowedHas(const AllowedElem& e) const { return allowed_.has(e); }
    // False when it was there already (resp. absent).
-   bool allowedIs(const AllowedElem& e);
-   bool allowedDel(const AllowedElem& e);
+   bool allowedIs(const AllowedElem& e) { return allowed_.insert(e); }
+   bool allowedDel(const AllowedElem& e) { return allowed_.erase(e); }
    // The ports on which the kernel allows the pair; normally one at most.
-   std::vector<IntfId> allowedPorts(const PairKey& key) const;
+   std::vector<IntfId> allowedPorts(const PairKey& key) const { return allowed_.ports(key); }
    size_t allowedSize() const { return allowed_.size(); }
+   void allowedReserve(size_t n) { allowed_.reserve(n); }
    template <class F>
    void allowedForEach(F&& f) const {
-      for (const auto& [key, port] : allowed_) f(AllowedElem{port, key.mac, key.ip});
+      allowed_.forEach(std::forward<F>(f));
    }
 
    bool lockedHas(IntfId port) const { return locked_.count(port) != 0; }
@@ -79,7 +131,7 @@ class KernelView {
    void clear();
 
  private:
-   std::unordered_multimap<PairKey, IntfId> allowed_;
+   AllowedTable allowed_;
    std::set<IntfId> locked_;
    std::set<IntfId> counter_;
    std::map<IntfId, std::string> arpMap_;

@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
@@ -317,4 +318,48 @@ TEST(NftBatch, messagesCarryThePlanInOrder) {
    EXPECT_EQ(batch.acked().size(), seqs.size() - 2);
    EXPECT_EQ(batch.acked().count(seqs.front()), 0u);
    EXPECT_EQ(batch.nextSeq(), 100 + seqs.size());
+}
+
+// A batch made while the table is filled names the generation it expects,
+// so that the kernel refuses it if anyone else committed in between; other
+// batches name none and go through whatever else happens.
+TEST(NftBatch, theBeginMessageNamesTheExpectedGeneration) {
+   auto generationOf = [](const Batch& batch) -> std::optional<uint32_t> {
+      Bytes bytes;
+      for (const auto& v : batch.iov()) {
+         const auto* p = static_cast<const uint8_t*>(v.iov_base);
+         bytes.insert(bytes.end(), p, p + v.iov_len);
+      }
+      std::vector<uint32_t> aligned((bytes.size() + 3) / 4);
+      std::memcpy(aligned.data(), bytes.data(), bytes.size());
+      const auto* nlh = reinterpret_cast<const nlmsghdr*>(aligned.data());
+      EXPECT_EQ(nlh->nlmsg_type, NFNL_MSG_BATCH_BEGIN);
+      std::optional<uint32_t> out;
+      const auto* a = reinterpret_cast<const nlattr*>(reinterpret_cast<const uint8_t*>(nlh) +
+                                                      NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(nfgenmsg)));
+      const auto* end = reinterpret_cast<const uint8_t*>(nlh) + nlh->nlmsg_len;
+      while (reinterpret_cast<const uint8_t*>(a) + sizeof(nlattr) <= end) {
+         if (a->nla_type == NFNL_BATCH_GENID && a->nla_len == sizeof(nlattr) + 4) {
+            uint32_t be;
+            std::memcpy(&be, reinterpret_cast<const uint8_t*>(a) + sizeof(nlattr), 4);
+            out = ntohl(be);
+         }
+         a = reinterpret_cast<const nlattr*>(reinterpret_cast<const uint8_t*>(a) +
+                                             NLA_ALIGN(a->nla_len));
+      }
+      return out;
+   };
+   Plan plan;
+   plan.allowedAdd = {kElem};
+   Batch checked(7, 0x80000001u);
+   checked.add(plan);
+   checked.finish();
+   EXPECT_EQ(generationOf(checked), 0x80000001u);
+   Batch unchecked(7);
+   unchecked.add(plan);
+   unchecked.finish();
+   EXPECT_EQ(generationOf(unchecked), std::nullopt);
+   // The counter wraps past 0, which means "no check" to the kernel.
+   EXPECT_EQ(nextGeneration(41), 42u);
+   EXPECT_EQ(nextGeneration(0xffffffffu), 1u);
 }

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <set>
 
 #include "linux/NftProgrammerPlan.h"
 
@@ -218,6 +220,91 @@ TEST_F(NftPlanTest, aFullComparisonFindsWhatNoChangePointedAt) {
    committed();
    planner.allDirty();
    EXPECT_TRUE(plan().empty());
+}
+
+// A full comparison plans each element once, whichever side it is found
+// from: a published pair held on a second port, an element nobody
+// published, and a published pair the table cannot hold but the kernel
+// has (someone else's element) are each one delete.
+TEST_F(NftPlanTest, aFullComparisonPlansEachElementOnce) {
+   const IntfId tooLong("a-port-name-of-20ch");
+   const auto odd = at(tooLong, *EthAddr::parse("02:00:00:00:00:07"), *IpAddr::parse("10.0.0.7"));
+   const auto stray = at(kC, *EthAddr::parse("02:00:00:00:00:08"), *IpAddr::parse("10.0.0.8"));
+   publish(kA);
+   publish(tooLong, odd.mac, odd.ip);
+   kernel.allowedIs(at(kA));
+   kernel.allowedIs(at(kB));
+   kernel.allowedIs(odd);
+   kernel.allowedIs(stray);
+   planner.allDirty();
+   Plan p = plan();
+   EXPECT_TRUE(p.allowedAdd.empty());
+   std::vector<AllowedElem> expected = {at(kB), odd, stray};
+   std::sort(expected.begin(), expected.end());
+   EXPECT_EQ(p.allowedDel, expected);
+   committed();
+   EXPECT_EQ(kernel.allowedSize(), 1u);
+   EXPECT_TRUE(kernel.allowedHas(at(kA)));
+}
+
+// The view keeps a million elements in flat slots with the runs of linear
+// probing shifted back on deletion; whatever the order of additions and
+// deletions, it answers as a plain ordered set of the same elements would.
+// A small domain (few MACs, addresses and ports) makes long runs, shared
+// pairs and wrap-around at the table's end common.
+TEST(NftKernelView, allowedElementsAnswerAsASetWouldUnderChurn) {
+   const IntfId ports[] = {IntfId("swp1"), IntfId("swp2"), IntfId("swp3")};
+   auto elemOf = [&](uint32_t r) {
+      return AllowedElem{ports[r % 3], EthAddr::fromU64(0x020000000000ull + (r / 3) % 48),
+                         IpAddr(0x0a000000u + (r / 144) % 16)};
+   };
+   KernelView view;
+   std::set<AllowedElem> model;
+   uint32_t rng = 12345;
+   auto random = [&rng] {
+      rng = rng * 1664525u + 1013904223u;
+      return rng >> 8;
+   };
+   auto sameAsModel = [&](int step) {
+      ASSERT_EQ(view.allowedSize(), model.size()) << "step " << step;
+      std::vector<AllowedElem> listed;
+      view.allowedForEach([&](const AllowedElem& e) { listed.push_back(e); });
+      std::sort(listed.begin(), listed.end());
+      ASSERT_EQ(listed, std::vector<AllowedElem>(model.begin(), model.end())) << "step " << step;
+      for (uint32_t r = 0; r < 3 * 48 * 16; r += 3) {
+         const auto e = elemOf(r);
+         std::vector<IntfId> want;
+         for (auto port : ports) {
+            if (model.count(AllowedElem{port, e.mac, e.ip})) want.push_back(port);
+         }
+         auto got = view.allowedPorts(PairKey{e.mac, e.ip});
+         std::sort(got.begin(), got.end());
+         ASSERT_EQ(got, want) << "step " << step << ", " << e;
+      }
+   };
+   for (int round = 0; round < 2; ++round) {
+      for (int step = 0; step < 6000; ++step) {
+         const auto e = elemOf(random());
+         // More additions than deletions at first, then the other way round,
+         // so that the table both grows through its resizes and empties.
+         const bool add = (random() % 10) < (step < 3000 ? 7u : 3u);
+         if (add) {
+            ASSERT_EQ(view.allowedIs(e), model.insert(e).second) << "step " << step;
+         } else {
+            ASSERT_EQ(view.allowedDel(e), model.erase(e) == 1) << "step " << step;
+         }
+         ASSERT_EQ(view.allowedHas(e), model.count(e) == 1) << "step " << step;
+         if (step % 500 == 0) sameAsModel(step);
+      }
+      sameAsModel(-1);
+      // Cleared, it starts over from nothing, also with room set aside.
+      view.clear();
+      model.clear();
+      view.allowedReserve(1000);
+      EXPECT_EQ(view.allowedSize(), 0u);
+      EXPECT_FALSE(view.allowedHas(elemOf(0)));
+      EXPECT_TRUE(view.allowedPorts(PairKey{elemOf(0).mac, elemOf(0).ip}).empty());
+   }
 }
 
 // A big change goes as several transactions; each part keeps the order in
