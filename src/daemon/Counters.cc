@@ -144,6 +144,17 @@ void declareDaemonFamilies(CounterRegistry& r) {
    r.familyIs({"tavrin_leases_added_total", T::counter, "Leases added to the lease table"});
    r.familyIs({"tavrin_leases_removed_total", T::counter, "Leases removed from the lease table"});
    r.familyIs({"tavrin_trapped_packets_total", T::counter, "Packets trapped on locked ports"});
+   r.familyIs({"tavrin_trap_overruns_total", T::counter,
+               "Times the kernel dropped trapped packets because the NFLOG socket's receive "
+               "buffer was full (ENOBUFS)"});
+   r.familyIs({"tavrin_trap_slices_total", T::counter,
+               "Slices in which the agent read the trapped packets of one port"});
+   r.familyIs({"tavrin_trap_slice_seconds_total", T::counter,
+               "Time spent in those slices (monotonic clock)"});
+   r.familyIs({"tavrin_trap_slice_overruns_total", T::counter,
+               "Slices of reading trapped packets that ran past their 5 ms bound"});
+   r.familyIs({"tavrin_trap_slice_overrun_seconds_total", T::counter,
+               "Time those slices ran past the 5 ms bound, summed"});
    r.familyIs({"tavrin_leases", T::gauge, "Leases held"});
    r.familyIs({"tavrin_queries_in_flight", T::gauge, "Lease queries waiting for an answer"});
    r.familyIs({"tavrin_locked_interfaces", T::gauge, "Interfaces carrying a locking rule"});
@@ -156,6 +167,28 @@ void declareDaemonFamilies(CounterRegistry& r) {
    r.familyIs({"tavrin_store_commit_failures_total", T::counter,
                "Database commits that failed and were kept for the next try"});
    r.familyIs({"tavrin_store_pending", T::gauge, "Changes waiting to be written to the database"});
+}
+
+void trapSamples(const Linux::NflogReader::Counters& t,
+                 const Linux::NflogPamManager::Counters& pams, std::vector<Sample>& out) {
+   out.push_back({"tavrin_trapped_packets_total", {}, double(t.trapped)});
+   out.push_back({"tavrin_drops_total",
+                  {{"reason", "trapped on a port without packet access"}},
+                  double(pams.noPam)});
+   out.push_back(
+       {"tavrin_drops_total", {{"reason", "trapped packet queue full"}}, double(pams.queueFull)});
+   out.push_back(
+       {"tavrin_drops_total", {{"reason", "trapped on an unknown port"}}, double(t.unknownPort)});
+   out.push_back({"tavrin_drops_total",
+                  {{"reason", "trapped packet malformed"}},
+                  double(t.malformed + t.unframed)});
+   // Packets the kernel dropped are not known one by one, only how often
+   // it happened; they are not among the drops, which are counted packets.
+   out.push_back({"tavrin_trap_overruns_total", {}, double(t.overruns)});
+   out.push_back({"tavrin_trap_slices_total", {}, double(pams.slices.count)});
+   out.push_back({"tavrin_trap_slice_seconds_total", {}, pams.slices.seconds});
+   out.push_back({"tavrin_trap_slice_overruns_total", {}, double(pams.slices.over)});
+   out.push_back({"tavrin_trap_slice_overrun_seconds_total", {}, pams.slices.overSeconds});
 }
 
 // ---------------------------------------------------------------- lease changes

@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "linux/NflogPamManager.h"
+#include "linux/NflogReader.h"
 #include "model/TavrinTypes.h"
 
 namespace Tavrin::Daemon {
@@ -83,6 +85,12 @@ nlohmann::json countersJson(const std::vector<Sample>& samples);
 // The families the daemon exports; declared in one place so the docs, the
 // tests and the output agree.
 void declareDaemonFamilies(CounterRegistry& registry);
+
+// What the trap reader and the packet access manager count, as samples of
+// the daemon's families: trapped packets, their drops by reason, the
+// kernel's overruns of the reader's socket and the readers' slices.
+void trapSamples(const Linux::NflogReader::Counters& reader,
+                 const Linux::NflogPamManager::Counters& pams, std::vector<Sample>& out);
 
 // Leases added to and removed from the persisted lease status since this
 // follower was made (what was there already is not counted as added).

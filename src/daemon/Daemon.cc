@@ -297,7 +297,7 @@ void Daemon::readTraps() {
       traps_ = std::make_unique<Linux::NflogReader>(
           p.loop(), options, [this](int ifindex) { return rtnl_->mirror().ifname(ifindex); },
           [&p](IntfId port, std::vector<Ptr<Rt::Pkt>> frames) {
-             if (auto manager = p.ethDevPamManager()) manager->deliver(port, frames);
+             if (auto manager = p.ethDevPamManager()) manager->deliver(port, std::move(frames));
           });
       arpDrops_ = std::make_unique<Linux::ArpDropPoller>(
           p.loop(), p.shm<Hardware::ArpDropCounterStatus>("tavrin/hardware/arpdrops"),
@@ -352,25 +352,12 @@ void Daemon::declareCounters() {
    counters_.sourceIs("query", std::make_unique<FunctionSource>(
                                    [this](std::vector<Sample>& out) { tap_->collect(out); }));
    counters_.sourceIs("leases", std::make_unique<LeaseChangeCounter>(leaseStatus_));
-   counters_.sourceIs("trap", std::make_unique<FunctionSource>([this](std::vector<Sample>& out) {
-                         const auto& t = traps_->counters();
-                         auto manager = platform_->ethDevPamManager();
-                         const auto pams =
-                             manager ? manager->counters() : Linux::NflogPamManager::Counters();
-                         out.push_back({"tavrin_trapped_packets_total", {}, double(t.trapped)});
-                         out.push_back({"tavrin_drops_total",
-                                        {{"reason", "trapped on a port without packet access"}},
-                                        double(pams.noPam)});
-                         out.push_back({"tavrin_drops_total",
-                                        {{"reason", "trapped packet queue full"}},
-                                        double(pams.queueFull)});
-                         out.push_back({"tavrin_drops_total",
-                                        {{"reason", "trapped on an unknown port"}},
-                                        double(t.unknownPort)});
-                         out.push_back({"tavrin_drops_total",
-                                        {{"reason", "trapped packet malformed"}},
-                                        double(t.malformed + t.unframed)});
-                      }));
+   counters_.sourceIs(
+       "trap", std::make_unique<FunctionSource>([this](std::vector<Sample>& out) {
+          auto manager = platform_->ethDevPamManager();
+          trapSamples(traps_->counters(),
+                      manager ? manager->counters() : Linux::NflogPamManager::Counters(), out);
+       }));
    counters_.sourceIs(
        "state", std::make_unique<FunctionSource>([this](std::vector<Sample>& out) {
           size_t leases = 0;

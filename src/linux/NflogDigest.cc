@@ -46,11 +46,24 @@ constexpr std::array kVlanPolicy{
 constexpr size_t kEthHeader = 14;
 constexpr size_t kMacPair = 12;
 
+// A policy's rules by attribute type, so that each attribute of a trapped
+// packet finds its rule with one load rather than a search.
+template <size_t Max>
+struct RuleIndex {
+   std::array<const AttrRule*, Max + 1> byType{};
+   template <size_t N>
+   explicit RuleIndex(const std::array<AttrRule, N>& policy) {
+      for (const auto& r : policy) {
+         if (r.type <= Max) byType[r.type] = &r;
+      }
+   }
+};
+
 // The validated attributes of one message (or one nest), by type.
 template <size_t Max>
 struct AttrTable {
    std::array<const nlattr*, Max + 1> attr{};
-   std::span<const AttrRule> rules;
+   const RuleIndex<Max>* rules = nullptr;
    // Where the walk got to: libmnl stops quietly at an attribute that claims
    // more bytes than are left, so this tells a cut message from a whole one.
    const char* walked = nullptr;
@@ -59,23 +72,47 @@ struct AttrTable {
    const nlattr* operator[](uint16_t type) const { return type <= Max ? attr[type] : nullptr; }
 };
 
+// What libmnl's accessors do, inline: a trapped packet has a dozen
+// attributes, and in a flood the calls into the shared library for walking
+// them and reading their headers took a sixth of the reader's time. The
+// validators stay libmnl's.
+uint16_t typeOf(const nlattr* a) {
+   return a->nla_type & NLA_TYPE_MASK;
+}
+const uint8_t* payloadOf(const nlattr* a) {
+   return reinterpret_cast<const uint8_t*>(a) + MNL_ATTR_HDRLEN;
+}
+size_t payloadLenOf(const nlattr* a) {
+   return a->nla_len - MNL_ATTR_HDRLEN;
+}
+
 template <size_t Max>
-int attrCallback(const nlattr* a, void* data) {
-   auto& t = *static_cast<AttrTable<Max>*>(data);
+bool attrSeen(const nlattr* a, AttrTable<Max>& t) {
    t.walked = reinterpret_cast<const char*>(a) + MNL_ALIGN(a->nla_len);
-   const uint16_t type = mnl_attr_get_type(a);
-   auto rule = std::find_if(t.rules.begin(), t.rules.end(),
-                            [type](const AttrRule& r) { return r.type == type; });
-   if (type > Max || rule == t.rules.end()) return MNL_CB_OK;
+   const uint16_t type = typeOf(a);
+   const AttrRule* rule = type <= Max ? t.rules->byType[type] : nullptr;
+   if (!rule) return true;
    const int rc = rule->len ? mnl_attr_validate2(a, rule->dataType, rule->len)
                             : mnl_attr_validate(a, rule->dataType);
    if (rc < 0) {
-      t.error = "attribute " + std::to_string(type) + " of " +
-                std::to_string(mnl_attr_get_payload_len(a)) + " bytes: " + std::strerror(errno);
-      return MNL_CB_ERROR;
+      t.error = "attribute " + std::to_string(type) + " of " + std::to_string(payloadLenOf(a)) +
+                " bytes: " + std::strerror(errno);
+      return false;
    }
    t.attr[type] = a;
-   return MNL_CB_OK;
+   return true;
+}
+
+// libmnl's walk (mnl_attr_for_each, mnl_attr_ok): it stops quietly at an
+// attribute shorter than its header or longer than what is left.
+template <size_t Max>
+void walkAttrs(const char* at, const char* tail, AttrTable<Max>& t) {
+   while (tail - at >= ptrdiff_t(sizeof(nlattr))) {
+      const auto* a = reinterpret_cast<const nlattr*>(at);
+      if (a->nla_len < sizeof(nlattr) || ptrdiff_t(a->nla_len) > tail - at) return;
+      if (!attrSeen(a, t)) return;
+      at += MNL_ALIGN(a->nla_len);
+   }
 }
 
 template <size_t Max>
@@ -85,57 +122,61 @@ void checkWalked(AttrTable<Max>& t, const char* first, const char* tail) {
    if (tail - end >= ptrdiff_t(sizeof(nlattr))) t.error = "an attribute runs past the end";
 }
 
-template <size_t Max, size_t N>
-bool parseAttrs(const nlmsghdr* nlh, const std::array<AttrRule, N>& policy, AttrTable<Max>& t) {
-   t.rules = policy;
-   if (mnl_attr_parse(nlh, sizeof(nfgenmsg), attrCallback<Max>, &t) < 0 && t.error.empty()) {
-      t.error = "attributes do not parse";
-   }
-   checkWalked(t, static_cast<const char*>(mnl_nlmsg_get_payload_offset(nlh, sizeof(nfgenmsg))),
-               static_cast<const char*>(mnl_nlmsg_get_payload_tail(nlh)));
+template <size_t Max>
+bool parseAttrs(const nlmsghdr* nlh, const RuleIndex<Max>& policy, AttrTable<Max>& t) {
+   t.rules = &policy;
+   const char* first =
+       reinterpret_cast<const char*>(nlh) + MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(nfgenmsg));
+   const char* tail = reinterpret_cast<const char*>(nlh) + MNL_ALIGN(nlh->nlmsg_len);
+   walkAttrs(first, tail, t);
+   checkWalked(t, first, tail);
    return t.error.empty();
 }
 
-template <size_t Max, size_t N>
-bool parseNested(const nlattr* nest, const std::array<AttrRule, N>& policy, AttrTable<Max>& t) {
-   t.rules = policy;
-   if (mnl_attr_parse_nested(nest, attrCallback<Max>, &t) < 0 && t.error.empty()) {
-      t.error = "nested attributes do not parse";
-   }
-   const char* first = static_cast<const char*>(mnl_attr_get_payload(nest));
-   checkWalked(t, first, first + mnl_attr_get_payload_len(nest));
+template <size_t Max>
+bool parseNested(const nlattr* nest, const RuleIndex<Max>& policy, AttrTable<Max>& t) {
+   t.rules = &policy;
+   const char* first = reinterpret_cast<const char*>(payloadOf(nest));
+   const char* tail = first + payloadLenOf(nest);
+   walkAttrs(first, tail, t);
+   checkWalked(t, first, tail);
    return t.error.empty();
 }
 
-NflogDigested malformed(std::string reason) {
+NflogDigestedRef malformed(std::string reason) {
    return {NflogDigested::Status::malformed, {}, std::move(reason)};
 }
-NflogDigested ignored(std::string reason) {
+NflogDigestedRef ignored(std::string reason) {
    return {NflogDigested::Status::ignored, {}, std::move(reason)};
 }
 
-std::vector<uint8_t> bytesOf(const nlattr* a) {
-   const auto* p = static_cast<const uint8_t*>(mnl_attr_get_payload(a));
-   return {p, p + mnl_attr_get_payload_len(a)};
+std::span<const uint8_t> bytesOf(const nlattr* a) {
+   return {payloadOf(a), payloadLenOf(a)};
 }
 
-// Numbers in NFLOG attributes are in network order.
+// Numbers in NFLOG attributes are in network order; the validators checked
+// that each is at least as long as its number.
 uint32_t be32(const nlattr* a) {
-   return ntohl(mnl_attr_get_u32(a));
+   uint32_t v;
+   std::memcpy(&v, payloadOf(a), sizeof v);
+   return ntohl(v);
 }
 uint16_t be16(const nlattr* a) {
-   return ntohs(mnl_attr_get_u16(a));
+   uint16_t v;
+   std::memcpy(&v, payloadOf(a), sizeof v);
+   return ntohs(v);
 }
 
-std::string readVlan(const nlattr* nest, NflogPacket& p) {
+std::string readVlan(const nlattr* nest, NflogPacketRef& p) {
+   static const RuleIndex<NFULA_VLAN_MAX> policy(kVlanPolicy);
    AttrTable<NFULA_VLAN_MAX> t;
-   if (!parseNested(nest, kVlanPolicy, t)) return "VLAN: " + t.error;
+   if (!parseNested(nest, policy, t)) return "VLAN: " + t.error;
    if (!t[NFULA_VLAN_PROTO] || !t[NFULA_VLAN_TCI]) return "VLAN without its protocol or tag";
    p.vlan = NflogVlan{be16(t[NFULA_VLAN_PROTO]), be16(t[NFULA_VLAN_TCI])};
    return {};
 }
 
-void readHwAddr(const nlattr* a, NflogPacket& p) {
+void readHwAddr(const nlattr* a, NflogPacketRef& p) {
    nfulnl_msg_packet_hw hw;
    std::memcpy(&hw, mnl_attr_get_payload(a), sizeof hw);
    // Other link types report other address lengths; only a MAC is of use.
@@ -147,7 +188,25 @@ void readHwAddr(const nlattr* a, NflogPacket& p) {
 
 }  // namespace
 
-NflogDigested digestNflog(const nlmsghdr* nlh, size_t available) {
+NflogPacket NflogPacketRef::owned() const {
+   NflogPacket p;
+   p.family = family;
+   p.group = group;
+   p.hwProtocol = hwProtocol;
+   p.hook = hook;
+   p.indev = indev;
+   p.physindev = physindev;
+   p.hwSource = hwSource;
+   p.hwType = hwType;
+   p.hwHeader.assign(hwHeader.begin(), hwHeader.end());
+   p.l2Header.assign(l2Header.begin(), l2Header.end());
+   p.vlan = vlan;
+   p.payload.assign(payload.begin(), payload.end());
+   p.prefix = prefix;
+   return p;
+}
+
+NflogDigestedRef digestNflogInPlace(const nlmsghdr* nlh, size_t available) {
    if (available < sizeof(nlmsghdr) || nlh->nlmsg_len < sizeof(nlmsghdr) ||
        nlh->nlmsg_len > available) {
       return malformed("message length " + std::to_string(nlh->nlmsg_len) + " does not fit in " +
@@ -161,12 +220,13 @@ NflogDigested digestNflog(const nlmsghdr* nlh, size_t available) {
       return malformed("packet message shorter than its header");
    }
    const auto* gen = static_cast<const nfgenmsg*>(mnl_nlmsg_get_payload(nlh));
+   static const RuleIndex<NFULA_MAX> policy(kPacketPolicy);
    AttrTable<NFULA_MAX> t;
-   if (!parseAttrs(nlh, kPacketPolicy, t)) return malformed("packet: " + t.error);
+   if (!parseAttrs(nlh, policy, t)) return malformed("packet: " + t.error);
 
-   NflogDigested d;
+   NflogDigestedRef d;
    d.status = NflogDigested::Status::ok;
-   NflogPacket& p = d.packet;
+   NflogPacketRef& p = d.packet;
    p.family = gen->nfgen_family;
    p.group = ntohs(gen->res_id);
    if (t[NFULA_PACKET_HDR]) {
@@ -182,6 +242,7 @@ NflogDigested digestNflog(const nlmsghdr* nlh, size_t available) {
    if (t[NFULA_HWHEADER]) p.hwHeader = bytesOf(t[NFULA_HWHEADER]);
    if (t[NFULA_L2HDR]) p.l2Header = bytesOf(t[NFULA_L2HDR]);
    if (t[NFULA_PAYLOAD]) p.payload = bytesOf(t[NFULA_PAYLOAD]);
+   // Validated as NUL-terminated, so the view stops at the first NUL.
    if (t[NFULA_PREFIX]) p.prefix = mnl_attr_get_str(t[NFULA_PREFIX]);
    if (t[NFULA_VLAN]) {
       if (auto why = readVlan(t[NFULA_VLAN], p); !why.empty()) return malformed(why);
@@ -189,9 +250,19 @@ NflogDigested digestNflog(const nlmsghdr* nlh, size_t available) {
    return d;
 }
 
+NflogDigested digestNflog(const nlmsghdr* nlh, size_t available) {
+   NflogDigestedRef r = digestNflogInPlace(nlh, available);
+   NflogDigested d;
+   d.status = r.status;
+   d.reason = std::move(r.reason);
+   if (r.status == NflogDigested::Status::ok) d.packet = r.packet.owned();
+   return d;
+}
+
 NflogDigested digestNflog(std::span<const uint8_t> bytes) {
    if (bytes.size() < sizeof(nlmsghdr)) {
-      return malformed("only " + std::to_string(bytes.size()) + " bytes");
+      return {
+          NflogDigested::Status::malformed, {}, "only " + std::to_string(bytes.size()) + " bytes"};
    }
    // Netlink attributes are read in place, so the bytes go to an aligned copy.
    std::vector<uint32_t> aligned((bytes.size() + 3) / 4);
@@ -199,8 +270,9 @@ NflogDigested digestNflog(std::span<const uint8_t> bytes) {
    return digestNflog(reinterpret_cast<const nlmsghdr*>(aligned.data()), bytes.size());
 }
 
-std::variant<std::vector<uint8_t>, std::string> trappedFrame(const NflogPacket& p) {
-   if (p.payload.empty()) return std::string("no packet bytes (copy mode is not packet)");
+std::string trappedFrameInto(const NflogPacketRef& p, std::vector<uint8_t>& frame) {
+   frame.clear();
+   if (p.payload.empty()) return "no packet bytes (copy mode is not packet)";
    // The L2 header ends where the network header starts, so its last two
    // bytes are the EtherType the payload goes with, tags or not. The device
    // header of an Ethernet port is the same thing without in-frame tags.
@@ -210,31 +282,54 @@ std::variant<std::vector<uint8_t>, std::string> trappedFrame(const NflogPacket& 
    } else if (p.hwType == ARPHRD_ETHER && !p.hwHeader.empty()) {
       header = p.hwHeader;
    }
-   std::vector<uint8_t> frame;
-   frame.reserve(kMaxL2Header + 4 + p.payload.size());
    if (!header.empty()) {
       if (header.size() < kEthHeader || header.size() > kMaxL2Header ||
           (header.size() - kEthHeader) % 4 != 0) {
          return "link-layer header of " + std::to_string(header.size()) + " bytes is not Ethernet";
       }
-      frame.assign(header.begin(), header.end());
-   } else if (p.hwSource && p.hwProtocol != 0) {
+   } else if (!p.hwSource || p.hwProtocol == 0) {
+      return "no link-layer header and no source MAC";
+   }
+   // Sized once and written in place: the frame is the one allocation a
+   // trapped packet costs on its way to the agent.
+   const size_t tag = p.vlan ? 4 : 0;
+   const size_t headerSize = header.empty() ? kEthHeader : header.size();
+   frame.resize(headerSize + tag + p.payload.size());
+   uint8_t* out = frame.data();
+   if (!header.empty()) {
+      // The tag, when there is one, goes between the addresses and the rest.
+      std::memcpy(out, header.data(), kMacPair);
+      std::memcpy(out + kMacPair + tag, header.data() + kMacPair, header.size() - kMacPair);
+   } else {
       // No header came, only the sender: the destination is of no interest
       // to a reader of the source pair, so it stays zero.
-      frame.assign(6, 0);
-      frame.insert(frame.end(), p.hwSource->bytes().begin(), p.hwSource->bytes().end());
-      frame.push_back(uint8_t(p.hwProtocol >> 8));
-      frame.push_back(uint8_t(p.hwProtocol));
-   } else {
-      return std::string("no link-layer header and no source MAC");
+      std::memset(out, 0, 6);
+      std::memcpy(out + 6, p.hwSource->bytes().data(), 6);
+      out[kMacPair + tag] = uint8_t(p.hwProtocol >> 8);
+      out[kMacPair + tag + 1] = uint8_t(p.hwProtocol);
    }
    if (p.vlan) {
       // The driver took the outer tag off the frame; it goes back where it was.
-      const std::array<uint8_t, 4> tag{uint8_t(p.vlan->proto >> 8), uint8_t(p.vlan->proto),
-                                       uint8_t(p.vlan->tci >> 8), uint8_t(p.vlan->tci)};
-      frame.insert(frame.begin() + kMacPair, tag.begin(), tag.end());
+      out[kMacPair] = uint8_t(p.vlan->proto >> 8);
+      out[kMacPair + 1] = uint8_t(p.vlan->proto);
+      out[kMacPair + 2] = uint8_t(p.vlan->tci >> 8);
+      out[kMacPair + 3] = uint8_t(p.vlan->tci);
    }
-   frame.insert(frame.end(), p.payload.begin(), p.payload.end());
+   std::memcpy(out + headerSize + tag, p.payload.data(), p.payload.size());
+   return {};
+}
+
+std::variant<std::vector<uint8_t>, std::string> trappedFrame(const NflogPacket& p) {
+   NflogPacketRef r;
+   r.hwProtocol = p.hwProtocol;
+   r.hwSource = p.hwSource;
+   r.hwType = p.hwType;
+   r.hwHeader = p.hwHeader;
+   r.l2Header = p.l2Header;
+   r.vlan = p.vlan;
+   r.payload = p.payload;
+   std::vector<uint8_t> frame;
+   if (auto why = trappedFrameInto(r, frame); !why.empty()) return why;
    return frame;
 }
 

@@ -23,6 +23,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -58,6 +59,31 @@ struct NflogPacket {
    bool operator==(const NflogPacket&) const = default;
 };
 
+// The same packet read in place: its byte fields point into the message and
+// are valid only as long as the buffer it was read from. The trap reader
+// takes this one, so that a flood of trapped packets costs one copy of each
+// (into the frame the agent reads) rather than one per attribute and another
+// for the frame.
+struct NflogPacketRef {
+   uint8_t family = 0;
+   uint16_t group = 0;
+   uint16_t hwProtocol = 0;
+   uint8_t hook = 0;
+   uint32_t indev = 0;
+   uint32_t physindev = 0;
+   std::optional<EthAddr> hwSource;
+   uint16_t hwType = 0;
+   std::span<const uint8_t> hwHeader;
+   std::span<const uint8_t> l2Header;
+   std::optional<NflogVlan> vlan;
+   std::span<const uint8_t> payload;
+   std::string_view prefix;
+
+   uint32_t inPort() const { return physindev ? physindev : indev; }
+   // A copy that owns its bytes.
+   NflogPacket owned() const;
+};
+
 struct NflogDigested {
    enum class Status : uint8_t { ok, ignored, malformed };
    Status status = Status::ignored;
@@ -65,7 +91,15 @@ struct NflogDigested {
    std::string reason;  // why ignored or malformed
 };
 
-// One message; the header's length must fit in the bytes given.
+struct NflogDigestedRef {
+   NflogDigested::Status status = NflogDigested::Status::ignored;
+   NflogPacketRef packet;
+   std::string reason;  // why ignored or malformed
+};
+
+// One message, read in place; the header's length must fit in the bytes given.
+NflogDigestedRef digestNflogInPlace(const nlmsghdr* nlh, size_t available);
+// One message, copied out; the header's length must fit in the bytes given.
 NflogDigested digestNflog(const nlmsghdr* nlh, size_t available);
 // One message in a byte buffer of any alignment (tests, captures).
 NflogDigested digestNflog(std::span<const uint8_t> bytes);
@@ -79,5 +113,8 @@ constexpr size_t kMaxL2Header = 14 + 4 * 4;
 // EtherType), a VLAN tag the driver had taken off put back in place, then the
 // payload. A string says why no frame can be made.
 std::variant<std::vector<uint8_t>, std::string> trappedFrame(const NflogPacket& p);
+// The same frame written into `frame` (replacing what it held); returns why
+// no frame can be made, empty when one was.
+std::string trappedFrameInto(const NflogPacketRef& p, std::vector<uint8_t>& frame);
 
 }  // namespace Tavrin::Linux

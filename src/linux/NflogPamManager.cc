@@ -1,5 +1,6 @@
 #include "linux/NflogPamManager.h"
 
+#include "rt/Clock.h"
 #include "rt/Trace.h"
 
 namespace Tavrin::Linux {
@@ -15,6 +16,13 @@ Rt::TraceFacility& trapTrace() {
 // the next loop iteration, once the other descriptors have had their turn.
 constexpr Seconds kRemindDelay = 0.001;
 
+void addSlices(LinuxPam::Slices& to, const LinuxPam::Slices& s) {
+   to.count += s.count;
+   to.over += s.over;
+   to.overSeconds += s.overSeconds;
+   to.seconds += s.seconds;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- LinuxPam
@@ -26,22 +34,37 @@ Ptr<Rt::Pkt> LinuxPam::rxPkt() {
    return pkt;
 }
 
-size_t LinuxPam::deliver(const std::vector<Ptr<Rt::Pkt>>& frames) {
+size_t LinuxPam::deliver(std::vector<Ptr<Rt::Pkt>>&& frames) {
    size_t queued = 0;
-   for (const auto& f : frames) {
+   for (auto& f : frames) {
       if (rx_.size() >= kQueueMax) {
          ++drops_;
          continue;
       }
-      rx_.push_back(f);
+      rx_.push_back(std::move(f));
       ++queued;
    }
-   if (queued) readableCountInc();
+   if (queued) tellReader();
    return queued;
 }
 
 void LinuxPam::remind() {
-   if (!rx_.empty()) readableCountInc();
+   if (!rx_.empty()) tellReader();
+}
+
+void LinuxPam::tellReader() {
+   // The reader drains its slice inside the notification, so the time it
+   // takes is the slice's.
+   Ptr<LinuxPam> self(this);  // the slice may close this Pam
+   const Seconds start = Rt::clock().monotonic();
+   readableCountInc();
+   const Seconds took = Rt::clock().monotonic() - start;
+   ++slices_.count;
+   slices_.seconds += took;
+   if (took > kSliceBound) {
+      ++slices_.over;
+      slices_.overSeconds += took - kSliceBound;
+   }
 }
 
 // ---------------------------------------------------------------- manager
@@ -68,6 +91,7 @@ void NflogPamManager::enabledIs(bool enabled) {
       const auto open = pams_;
       for (const auto& [intf, pam] : open) {
          pams_.erase(intf);
+         keepSlices(*pam);
          collection_->intfPamDel(intf);
       }
       return;
@@ -83,13 +107,27 @@ void NflogPamManager::sync(IntfId i) {
       pams_[i] = pam;
       TAVRIN_TRACE(trapTrace(), 4, "packet access opened on " << i);
       collection_->intfPamIs(i, pam);
-   } else if (pams_.erase(i)) {
+   } else if (auto it = pams_.find(i); it != pams_.end()) {
+      keepSlices(*it->second);
+      pams_.erase(it);
       TAVRIN_TRACE(trapTrace(), 4, "packet access closed on " << i);
       collection_->intfPamDel(i);
    }
 }
 
-void NflogPamManager::deliver(IntfId port, const std::vector<Ptr<Rt::Pkt>>& frames) {
+void NflogPamManager::keepSlices(const LinuxPam& pam) {
+   // A slice still running on a closing Pam is not counted; closing is rare
+   // and the count is for the flood, not for the last slice of a port.
+   addSlices(counters_.slices, pam.slices());
+}
+
+NflogPamManager::Counters NflogPamManager::counters() const {
+   Counters c = counters_;
+   for (const auto& [intf, pam] : pams_) addSlices(c.slices, pam->slices());
+   return c;
+}
+
+void NflogPamManager::deliver(IntfId port, std::vector<Ptr<Rt::Pkt>> frames) {
    const size_t n = frames.size();
    auto it = pams_.find(port);
    if (it == pams_.end()) {
@@ -101,7 +139,7 @@ void NflogPamManager::deliver(IntfId port, const std::vector<Ptr<Rt::Pkt>>& fram
    }
    // Held: reading the frames runs the agent, which may close this Pam.
    const Ptr<LinuxPam> pam = it->second;
-   const size_t queued = pam->deliver(frames);
+   const size_t queued = pam->deliver(std::move(frames));
    counters_.delivered += queued;
    if (queued < n) {
       counters_.queueFull += n - queued;

@@ -30,19 +30,36 @@ class LinuxPam final : public Platform::Pam {
    // only a stalled agent reaches it.
    static constexpr size_t kQueueMax = 4096;
 
+   // The reader bounds its slices to this; a slice that runs longer is
+   // counted, so that how often it happens is known without a profiler.
+   static constexpr Seconds kSliceBound = 0.005;
+
+   // The reader's slices, as timed around each notification on the
+   // monotonic clock (a wall-clock step must not make or hide an overrun).
+   struct Slices {
+      uint64_t count = 0;
+      uint64_t over = 0;        // slices longer than kSliceBound
+      Seconds overSeconds = 0;  // their time past the bound, summed
+      Seconds seconds = 0;      // all slices' time, summed
+   };
+
    using Platform::Pam::Pam;
    Ptr<Rt::Pkt> rxPkt() override;
    // Queues frames (dropping beyond kQueueMax) and tells the reader once.
    // Returns how many were queued.
-   size_t deliver(const std::vector<Ptr<Rt::Pkt>>& frames);
+   size_t deliver(std::vector<Ptr<Rt::Pkt>>&& frames);
    // Tells the reader again when frames are still queued.
    void remind();
    size_t queued() const { return rx_.size(); }
    uint64_t drops() const { return drops_; }
+   const Slices& slices() const { return slices_; }
 
  private:
+   void tellReader();
+
    std::deque<Ptr<Rt::Pkt>> rx_;
    uint64_t drops_ = 0;
+   Slices slices_;
 };
 
 class NflogPamManager final : public Platform::EthDevPamManager {
@@ -51,6 +68,8 @@ class NflogPamManager final : public Platform::EthDevPamManager {
       uint64_t delivered = 0;  // frames queued to a Pam
       uint64_t noPam = 0;      // frames of a port the agent has no Pam for
       uint64_t queueFull = 0;  // frames dropped at a full Pam
+      // The readers' slices on every Pam, closed ones included.
+      LinuxPam::Slices slices;
    };
 
    NflogPamManager(Ptr<const Platform::PamDesiredIntfDir> desired,
@@ -67,8 +86,8 @@ class NflogPamManager final : public Platform::EthDevPamManager {
    bool enabled() const { return enabled_; }
 
    // Frames trapped on port, in arrival order, for its Pam.
-   void deliver(IntfId port, const std::vector<Ptr<Rt::Pkt>>& frames);
-   const Counters& counters() const { return counters_; }
+   void deliver(IntfId port, std::vector<Ptr<Rt::Pkt>> frames);
+   Counters counters() const;
    const Ptr<Platform::EthDevPamCollection>& collection() const { return collection_; }
 
  private:
@@ -91,6 +110,7 @@ class NflogPamManager final : public Platform::EthDevPamManager {
    };
    void sync(IntfId i);
    void handleRemind();
+   void keepSlices(const LinuxPam& pam);
 
    Ptr<const Platform::PamDesiredIntfDir> desired_;
    Ptr<Platform::EthDevPamCollection> collection_;
@@ -100,7 +120,7 @@ class NflogPamManager final : public Platform::EthDevPamManager {
    RemindReactor remindReactor_;
    uint16_t protocol_ = 0;
    bool enabled_ = false;
-   Counters counters_;
+   Counters counters_;  // slices: of the Pams closed so far
 };
 
 }  // namespace Tavrin::Linux

@@ -35,16 +35,21 @@ constexpr int kAckWaitMs = 1000;
 
 // ---------------------------------------------------------------- dispatch
 
-std::optional<IntfId> NflogDispatch::portOf(const NflogPacket& p) {
-   const uint32_t ifindex = p.inPort();
+std::optional<IntfId> NflogDispatch::portOf(uint32_t ifindex) {
    if (ifindex == 0 || ifindex > uint32_t(INT32_MAX)) return std::nullopt;
+   // A burst comes from few ports; their names are looked up once per take,
+   // which is as fresh as the caller's view of the links between reads.
+   for (const auto& [known, port] : ports_) {
+      if (known == ifindex) return port;
+   }
    auto name = ifname_ ? ifname_(int(ifindex)) : std::nullopt;
-   if (!name) return std::nullopt;
-   return IntfId::parse(*name);
+   std::optional<IntfId> port = name ? IntfId::parse(*name) : std::nullopt;
+   if (ports_.size() < kPortsRemembered) ports_.emplace_back(ifindex, port);
+   return port;
 }
 
 void NflogDispatch::message(const nlmsghdr* nlh) {
-   NflogDigested d = digestNflog(nlh, nlh->nlmsg_len);
+   NflogDigestedRef d = digestNflogInPlace(nlh, nlh->nlmsg_len);
    if (d.status == NflogDigested::Status::malformed) {
       ++counters_.malformed;
       TAVRIN_TRACE(nflogTrace(), 1, "malformed log message dropped: " << d.reason);
@@ -52,7 +57,7 @@ void NflogDispatch::message(const nlmsghdr* nlh) {
    }
    if (d.status != NflogDigested::Status::ok) return;
    ++counters_.packets;
-   auto port = portOf(d.packet);
+   auto port = portOf(d.packet.inPort());
    if (!port) {
       ++counters_.unknownPort;
       TAVRIN_TRACE(
@@ -60,14 +65,19 @@ void NflogDispatch::message(const nlmsghdr* nlh) {
           "trapped packet dropped: no known input port (ifindex " << d.packet.inPort() << ")");
       return;
    }
-   auto frame = trappedFrame(d.packet);
-   if (auto* why = std::get_if<std::string>(&frame)) {
+   auto pkt = Rt::makePtr<Rt::Pkt>();
+   if (auto why = trappedFrameInto(d.packet, pkt->bytes()); !why.empty()) {
       ++counters_.unframed;
-      TAVRIN_TRACE(nflogTrace(), 1, "trapped packet on " << *port << " dropped: " << *why);
+      TAVRIN_TRACE(nflogTrace(), 1, "trapped packet on " << *port << " dropped: " << why);
       return;
    }
    ++counters_.trapped;
-   filed_[*port].push_back(Rt::makePtr<Rt::Pkt>(std::move(std::get<std::vector<uint8_t>>(frame))));
+   // Runs of one port are the rule in a burst: no map lookup for them.
+   if (!last_ || lastPort_ != *port) {
+      last_ = &filed_[*port];
+      lastPort_ = *port;
+   }
+   last_->push_back(std::move(pkt));
 }
 
 void NflogDispatch::buffer(std::span<const uint8_t> bytes) {

@@ -55,18 +55,30 @@ class NflogDispatch {
    void message(const nlmsghdr* nlh);
    // Every message of a buffer as read from the socket.
    void buffer(std::span<const uint8_t> bytes);
-   // What was filed since the last take, by port.
-   std::map<IntfId, std::vector<Ptr<Rt::Pkt>>> take() { return std::exchange(filed_, {}); }
+   // What was filed since the last take, by port. Also forgets the port
+   // names looked up, so that a renamed or new link is seen on the next read.
+   std::map<IntfId, std::vector<Ptr<Rt::Pkt>>> take() {
+      ports_.clear();
+      last_ = nullptr;
+      return std::exchange(filed_, {});
+   }
    bool empty() const { return filed_.empty(); }
 
    Counters& counters() { return counters_; }
    const Counters& counters() const { return counters_; }
 
  private:
-   std::optional<IntfId> portOf(const NflogPacket& p);
+   // Port names kept until the next take; past this many ports in one take,
+   // the rest are looked up for every packet.
+   static constexpr size_t kPortsRemembered = 16;
+
+   std::optional<IntfId> portOf(uint32_t ifindex);
 
    IfnameLookup ifname_;
    std::map<IntfId, std::vector<Ptr<Rt::Pkt>>> filed_;
+   std::vector<std::pair<uint32_t, std::optional<IntfId>>> ports_;
+   std::vector<Ptr<Rt::Pkt>>* last_ = nullptr;  // filed_'s list of lastPort_
+   IntfId lastPort_;
    Counters counters_;
 };
 

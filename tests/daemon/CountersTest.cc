@@ -93,6 +93,46 @@ TEST(CounterRegistry, theDaemonsFamiliesAreUniqueAndWellFormed) {
    }
 }
 
+// Each trap counter lands in its own family, and all of them are declared,
+// so none is silently left out of the output.
+TEST(TrapSamples, eachCounterHasItsDeclaredFamily) {
+   Linux::NflogReader::Counters reader;
+   reader.trapped = 11;
+   reader.malformed = 2;
+   reader.unframed = 3;
+   reader.unknownPort = 4;
+   reader.overruns = 5;
+   Linux::NflogPamManager::Counters pams;
+   pams.noPam = 6;
+   pams.queueFull = 7;
+   pams.slices = {8, 9, 0.25, 1.5};
+   CounterRegistry r;
+   declareDaemonFamilies(r);
+   r.sourceIs("trap", std::make_unique<FunctionSource>(
+                          [&](std::vector<Sample>& out) { trapSamples(reader, pams, out); }));
+   std::vector<Sample> raw;
+   trapSamples(reader, pams, raw);
+   EXPECT_EQ(r.collect().size(), raw.size()) << "a trap sample of an undeclared family";
+
+   auto value = [&](const std::string& family, Labels labels = {}) {
+      for (const auto& s : raw) {
+         if (s.family == family && s.labels == labels) return s.value;
+      }
+      return -1.0;
+   };
+   EXPECT_EQ(value("tavrin_trapped_packets_total"), 11);
+   EXPECT_EQ(value("tavrin_drops_total", {{"reason", "trapped packet malformed"}}), 5);
+   EXPECT_EQ(value("tavrin_drops_total", {{"reason", "trapped on an unknown port"}}), 4);
+   EXPECT_EQ(value("tavrin_drops_total", {{"reason", "trapped on a port without packet access"}}),
+             6);
+   EXPECT_EQ(value("tavrin_drops_total", {{"reason", "trapped packet queue full"}}), 7);
+   EXPECT_EQ(value("tavrin_trap_overruns_total"), 5);
+   EXPECT_EQ(value("tavrin_trap_slices_total"), 8);
+   EXPECT_EQ(value("tavrin_trap_slice_overruns_total"), 9);
+   EXPECT_EQ(value("tavrin_trap_slice_overrun_seconds_total"), 0.25);
+   EXPECT_EQ(value("tavrin_trap_slice_seconds_total"), 1.5);
+}
+
 TEST(LeaseChangeCounter, countsLeasesThatComeAndGoButNotThoseAlreadyThere) {
    auto status = Rt::makePtr<LeaseStatus>();
    auto swp1 = status->interfaceLeaseSetIs(IntfId("swp1"));

@@ -249,6 +249,28 @@ TEST(NflogFrame, TagGoesBackBetweenTheAddressesAndTheEtherType) {
    }());
 }
 
+// The trap reader reads each message in place, straight out of its read
+// buffer, and writes the frame into the packet it hands on: the frame must
+// be the whole of that buffer whatever it held, and the same as the copy's.
+TEST(NflogFrame, InPlaceFramesReplaceWhatTheirBufferHeld) {
+   for (auto capture : {kUntagged, kTagged}) {
+      const auto bytes = hex(capture);
+      std::vector<uint32_t> aligned((bytes.size() + 3) / 4);
+      std::memcpy(aligned.data(), bytes.data(), bytes.size());
+      const auto* nlh = reinterpret_cast<const nlmsghdr*>(aligned.data());
+      NflogDigestedRef d = digestNflogInPlace(nlh, bytes.size());
+      ASSERT_EQ(d.status, Status::ok) << d.reason;
+      EXPECT_EQ(d.packet.owned(), digestOk(bytes));
+      std::vector<uint8_t> frame(300, 0xee);
+      EXPECT_EQ(trappedFrameInto(d.packet, frame), "");
+      EXPECT_EQ(frame, frameOf(digestOk(bytes)));
+      // A refusal leaves no bytes of an earlier frame behind.
+      d.packet.payload = {};
+      EXPECT_NE(trappedFrameInto(d.packet, frame), "");
+      EXPECT_TRUE(frame.empty());
+   }
+}
+
 TEST(NflogFrame, PacketsNoFrameCanBeMadeOfAreRefusedWithAReason) {
    const NflogPacket base = digestOk(hex(kUntagged));
    struct Case {

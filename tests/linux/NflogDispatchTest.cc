@@ -143,6 +143,35 @@ TEST(NflogDispatch, FramesOfSeveralPortsAreKeptApart) {
    EXPECT_EQ(filed[intf("br0")].size(), 1u);
 }
 
+// A flood comes from few ports: each name is looked up once per take, and
+// looked up again after it, so that a renamed link is filed by its new name.
+TEST(NflogDispatch, PortNamesAreLookedUpOncePerTakeAndAfreshAfterIt) {
+   std::map<int, std::string> names = kLinks;
+   std::map<int, int> lookups;
+   NflogDispatch dispatch([&](int ifindex) -> std::optional<std::string> {
+      ++lookups[ifindex];
+      auto it = names.find(ifindex);
+      if (it == names.end()) return std::nullopt;
+      return it->second;
+   });
+   dispatch.buffer(
+       concat({firstOn(3), firstOn(4), firstOn(3), firstOn(9), firstOn(3), firstOn(9)}));
+   EXPECT_EQ(lookups, (std::map<int, int>{{3, 1}, {4, 1}, {9, 1}}));
+   auto filed = dispatch.take();
+   EXPECT_EQ(filed[intf("p1")].size(), 3u);
+   EXPECT_EQ(filed[intf("p2")].size(), 1u);
+   EXPECT_EQ(dispatch.counters().unknownPort, 2u);
+
+   names[3] = "p1-renamed";
+   names[9] = "p9";
+   dispatch.buffer(concat({firstOn(3), firstOn(9)}));
+   filed = dispatch.take();
+   EXPECT_EQ(filed[intf("p1-renamed")].size(), 1u);
+   EXPECT_EQ(filed[intf("p9")].size(), 1u);
+   EXPECT_FALSE(filed.count(intf("p1")));
+   EXPECT_EQ(lookups[3], 2);
+}
+
 // ---------------------------------------------------------------- manager
 
 namespace {
@@ -160,12 +189,16 @@ class NflogPamManagerTest : public ::testing::Test {
             auto pkt = pam_->rxPkt();
             if (!pkt) break;
             got.push_back(srcIpOf(pkt));
+            if (clock) clock->advance(perFrame);
          }
       }
       Ptr<Platform::Pam> pam_;
       size_t perWake_;
       size_t wakes = 0;
       std::vector<IpAddr> got;
+      // Time each frame takes to handle, on this clock when set.
+      Rt::VirtualClock* clock = nullptr;
+      Seconds perFrame = 0;
    };
 
    NflogPamManagerTest() {
@@ -280,4 +313,47 @@ TEST_F(NflogPamManagerTest, ClosingAPamWithFramesLeftStopsTheReminders) {
    runFor(1.0);
    EXPECT_EQ(reader->wakes, 1u);
    EXPECT_EQ(scheduler_->armed(), 0u);
+}
+
+// The readers' slices are timed around each notification, so an overrun of
+// the bound shows in the counters; a closed Pam's slices stay counted.
+TEST_F(NflogPamManagerTest, SlicesPastTheirBoundAreCountedWithTheirExcess) {
+   desired_->intfDesiredIs(intf("p1"), true);
+   desired_->intfDesiredIs(intf("p2"), true);
+   manager_->enabledIs(true);
+   struct Case {
+      const char* port;
+      Seconds perFrame;
+      uint64_t over;
+      Seconds excess;
+   };
+   // Two frames per delivery: 2 x 1 ms and 2 x 2 ms are within the bound,
+   // 2 x 4 ms is 3 ms past it.
+   const Case cases[] = {
+       {"p1", 0.001, 0, 0},
+       {"p2", 0.004, 1, 0.003},
+       {"p1", 0.002, 0, 0},
+   };
+   uint64_t over = 0;
+   Seconds excess = 0, total = 0;
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.port);
+      auto reader = readerOf(c.port);
+      reader->clock = &clock_;
+      reader->perFrame = c.perFrame;
+      manager_->deliver(intf(c.port), capturedFrames());
+      over += c.over;
+      excess += c.excess;
+      total += 2 * c.perFrame;
+      const auto s = manager_->counters().slices;
+      EXPECT_EQ(s.over, over);
+      EXPECT_NEAR(s.overSeconds, excess, 1e-9);
+      EXPECT_NEAR(s.seconds, total, 1e-9);
+   }
+   EXPECT_EQ(manager_->counters().slices.count, 3u);
+   desired_->intfDesiredDel(intf("p2"));
+   EXPECT_EQ(manager_->counters().slices.count, 3u);
+   EXPECT_EQ(manager_->counters().slices.over, 1u);
+   manager_->enabledIs(false);
+   EXPECT_EQ(manager_->counters().slices.count, 3u);
 }
