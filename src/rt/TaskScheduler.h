@@ -5,21 +5,30 @@
 // A million armed lease timers must be cheap to arm, re-arm and expire, so
 // exact order is kept only for the few tasks about to run. Time is cut into
 // ticks of 1/16 s and the scheduler holds three kinds of place:
-//  - due_: a min-heap of every task whose tick the cursor has reached (and
-//    of tasks armed in the past). Its top is the next task to run.
+//  - run_ and due_: every task whose tick the cursor has reached. run_ is
+//    the last tick drained from the wheel, sorted; due_ is a min-heap of
+//    the rest (tasks armed in the past, or met on a higher level at their
+//    tick). The first of their two heads is the next task to run.
 //  - four wheel levels of 256 slots. A task sits at the level of the highest
 //    8-bit group in which its tick differs from the cursor's, in the slot
 //    that group names. When the cursor enters a slot, its tasks move to a
-//    lower level or to due_: a task moves at most four times in its life.
+//    lower level, or become due: a task moves at most four times in its life.
 //  - far_: a heap for tasks beyond the top level (years away, or never),
 //    rare enough that O(log n) does not matter.
-// A task knows where it sits, so arming and cancelling are O(1) and search
-// nothing; slots are unordered vectors, so that moving a slot walks
-// contiguous pointers rather than a list scattered over memory, and nothing
-// is allocated per arm beyond the vectors' growth.
+// Slots are unordered vectors of (run time, task), so that moving a slot
+// walks contiguous memory and reads no task at all: a task's own memory is
+// reached once, when its tick comes and it is about to run. Nothing is
+// allocated per arm beyond the vectors' growth.
+//
+// Since a move does not tell the task, a task knows only where it was put
+// when armed. Entering a slot leaves behind, for each entry, where it went;
+// a cancel follows those marks from where the task was put down to where it
+// is now (the level it must be at follows from its tick and the cursor), so
+// arming and cancelling stay O(1) and search nothing.
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -73,41 +82,77 @@ class TaskScheduler : public RefCounted {
       uint8_t where_;
    };
 
-   // A cancelled task leaves a null behind in its slot rather than moving
-   // the last one into its place: that would touch a second task, a cache
-   // miss that doubles the price of a re-arm. A slot is compacted when it is
-   // more than half holes, so memory stays bounded by twice the tasks.
+   // A cancelled task leaves a hole (null) behind in its slot rather than
+   // moving the last one into its place: that would touch a second task, a
+   // cache miss that doubles the price of a re-arm.
+   //
+   // Next to each task a slot keeps the low 32 bits of its tick, all a move
+   // needs: a task on the wheel shares every higher bit with the cursor. They
+   // lie apart from the pointers so that a cancel, which writes a pointer
+   // only, finds as many of them in a cache line as it did before.
+   //
+   // A slot starts with the entries moved in from above, all at once when the
+   // cursor entered the block above (the slot was empty then, as every slot
+   // below the one entered is), then those armed into it. Only the armed
+   // part is compacted, when more than half holes: its tasks know their
+   // index, while the moved-in ones are known by the marks their old slot
+   // left. The moved-in part never grows, so memory stays bounded by a few
+   // times the tasks.
+   struct Slot {
+      std::vector<TimerTask*> tasks;
+      std::vector<uint32_t> ticks;
+      uint32_t live = 0;
+      uint32_t movedIn = 0;
+      uint32_t liveMovedIn = 0;
+   };
    struct Level {
-      std::array<std::vector<TimerTask*>, kSlots> slots;
-      std::array<uint32_t, kSlots> live{};
+      std::array<Slot, kSlots> slots;
       std::array<uint64_t, kSlots / 64> occupied{};
+      // For the slot the cursor entered last at this level, where each of its
+      // entries went, by its index there. The tasks still on the wheel that
+      // were in that slot all lie in it, so the marks are needed until the
+      // cursor enters the next slot of this level, and no longer.
+      std::vector<uint64_t> moves;
    };
    static size_t slotOf(int level, Tick tick) { return (tick >> (level * kBits)) & (kSlots - 1); }
+   int levelOf(Tick tick) const { return (std::bit_width(tick ^ cursor_) - 1) / kBits; }
 
    static bool before(const TimerTask* a, const TimerTask* b);
    static Tick tickOf(Seconds t);
    static int nextOccupied(const Level& level, size_t from);
    void insert(TimerTask* t);
    void place(TimerTask* t);
+   uint64_t move(TimerTask* t, uint32_t tickLow);
    void remove(TimerTask* t);
+   void removeFromSlot(int level, size_t s, uint32_t index);
    bool nextEvent(Tick& tick, int& level, size_t& slot) const;
    void fill(Tick limit);
    void enter(int level, size_t s);
    void pullFar();
-   void compact(std::vector<TimerTask*>& slot);
+   static void compact(Slot& slot);
+   static void empty(Slot& slot);
    const TimerTask* findNext() const;
+   TimerTask* first() const;
 
    const Clock& clock_;
-   // Every task with a tick up to the cursor is in due_.
+   // Every task with a tick up to the cursor is in run_ or due_.
    Tick cursor_;
+   // Sorted last to first; holes (null) for cancelled tasks, but never at
+   // the back.
+   std::vector<TimerTask*> run_;
+   struct RunKey {
+      Seconds runTime;
+      TimerTask* task;
+   };
+   std::vector<RunKey> runKeys_;
    Heap due_;
    Heap far_;
    std::array<Level, kLevels> levels_;
    size_t armed_ = 0;
    uint64_t nextSeq_ = 0;
    TimerTask* running_ = nullptr;
-   // The first task outside due_, found by a scan of one slot; null when
-   // unknown. Kept until that task leaves or an earlier one is armed.
+   // The first task outside run_ and due_, found by a scan of one slot; null
+   // when unknown. Kept until that task leaves or an earlier one is armed.
    mutable const TimerTask* next_ = nullptr;
 };
 
@@ -148,7 +193,8 @@ class TimerTask {
 
  private:
    friend class TaskScheduler;
-   // Where a scheduled task sits: a wheel level, or one of the heaps.
+   // Where a scheduled task sits: a wheel level, run_, or one of the heaps.
+   static constexpr uint8_t kRun = 0xfc;
    static constexpr uint8_t kDue = 0xfd;
    static constexpr uint8_t kFar = 0xfe;
    static constexpr uint8_t kNotScheduled = 0xff;
@@ -158,7 +204,9 @@ class TimerTask {
    const char* name_;
    Seconds runTime_ = 0;
    uint64_t seq_ = 0;
-   uint32_t index_ = 0;  // in its slot or heap
+   // In run_ or a heap: its index there. On the wheel: the level, slot and
+   // index it was put in, which it may have left since.
+   uint32_t index_ = 0;
    uint16_t slot_ = 0;
    uint8_t where_ = kNotScheduled;
    TaskPriority priority_;

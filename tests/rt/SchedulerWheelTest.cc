@@ -283,3 +283,51 @@ TEST(SchedulerWheel, nextRunTimeIsExactForFarTimersAndFollowsCancels) {
    EXPECT_EQ(sched->runDue(), 1u);
    EXPECT_EQ(sched->nextRunTime(), kNever);
 }
+
+TEST(SchedulerWheel, cancelsFindTasksWhereverTheyMovedAndCrowdedTicksStayInOrder) {
+   // Hundreds of tasks on a few instants of one tick, armed from every level
+   // and beyond. At points along their way down, tasks are first armed
+   // straight into the slots they were moved to, most of them cancelled at
+   // once, and then the moved ones are cancelled, re-armed and destroyed.
+   // A few tasks due in between stop the cursor short of the tick, at a
+   // different level each time. Whether a cancel meets a task where it was
+   // put or where it has been moved since, the rest must run at their
+   // instants, in order.
+   constexpr size_t kMoved = 600;
+   constexpr size_t kJoining = 300;
+   const Seconds stops[] = {0.3, 1.5, 3.1, 6.2, 20};
+   constexpr size_t kStops = std::size(stops);
+   const Seconds distances[] = {10, 100, 5000, 2e6, 2e8, 1e9};
+   for (Seconds distance : distances) {
+      SCOPED_TRACE("armed " + std::to_string(distance) + " s ahead");
+      std::mt19937_64 rng{uint64_t(distance)};
+      Model m(kMoved + kJoining + kStops);
+      // Inside a block of every level, not at its start; 60 instants a
+      // millisecond apart: one tick, ten tasks on each.
+      const Seconds tick = m.clock.now() + distance + 5.3;
+      auto armAt = [&](size_t id) { m.arm(id, tick + double(id % 60) * 1e-3 - m.clock.now()); };
+      for (size_t id = 0; id < kMoved; ++id) armAt(id);
+      for (Seconds before : {distance / 2, 100.0, 30.0, 10.0, 4.0, 1.0, 0.02}) {
+         Seconds point = tick - before;
+         if (point <= m.clock.now()) continue;
+         m.advance(point - m.clock.now());
+         for (size_t k = 0; k < kStops; ++k) m.arm(kMoved + kJoining + k, stops[k]);
+         for (size_t id = kMoved; id < kMoved + kJoining; ++id) armAt(id);
+         for (size_t id = kMoved; id < kMoved + kJoining; ++id) {
+            if (rng() % 6 != 0) m.cancel(id);
+         }
+         for (size_t id = 0; id < kMoved; ++id) {
+            switch (rng() % 12) {
+               case 0: case 1: m.cancel(id); break;
+               case 2: case 3: armAt(id); break;
+               case 4: m.destroy(id); break;
+               default: break;
+            }
+         }
+         if (m.sched->armed() != m.order.size()) m.errors.push_back("armed() is off");
+      }
+      m.advance(tick + 30 - m.clock.now());
+      EXPECT_EQ(m.errors, std::vector<std::string>{});
+      EXPECT_EQ(m.sched->armed(), 0u);
+   }
+}
