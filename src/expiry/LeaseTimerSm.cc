@@ -106,12 +106,12 @@ void InterfaceLeaseSetSm::handleAllLeases() {
 
 void InterfaceLeaseSetSm::handleLease(const LeaseKey& key) {
    auto lease = interfaceLeaseSet()->ipMacLease(key);
-   auto it = ipMacLeaseSm_.find(key);
-   if (it != ipMacLeaseSm_.end()) {
-      if (it->second->ipMacLease() == lease) return;
+   if (auto* held = ipMacLeaseSm_.get(key)) {
+      if (held->ipMacLease() == lease) return;
       TAVRIN_TRACE(leaseTimerTrace(), 4,
                    "Deleting IpMacLeaseSm. mac: " << key.mac << ", ip: " << key.ip);
-      ipMacLeaseSm_.erase(it);
+      // The key may live in the lease the machine holds: erase by a copy.
+      ipMacLeaseSm_.erase(LeaseKey(key));
    }
    if (lease) {
       TAVRIN_TRACE(leaseTimerTrace(), 4,
@@ -122,14 +122,15 @@ void InterfaceLeaseSetSm::handleLease(const LeaseKey& key) {
 
 Ptr<IpMacLeaseSm> InterfaceLeaseSetSm::ipMacLeaseSmIs(const Ptr<const IpMacLease>& ipMacLease) {
    const LeaseKey& key = ipMacLease->key();
-   if (auto existing = Rt::mapFind(ipMacLeaseSm_, key)) {
-      if (existing->ipMacLease() == ipMacLease) return existing;
+   if (auto* existing = ipMacLeaseSm_.get(key)) {
+      if (existing->ipMacLease() == ipMacLease) return Ptr<IpMacLeaseSm>(existing);
    }
    auto sm = Rt::makePtr<IpMacLeaseSm>(ipMacLease, intfId_, leaseQueryRequest_, scheduler_);
    // Building it re-queries a lease already due, which runs other machines
    // first: keep it only if its lease is still there.
    if (interfaceLeaseSet()->ipMacLease(key) != ipMacLease) return nullptr;
-   ipMacLeaseSm_.insert_or_assign(key, sm);
+   ipMacLeaseSm_.erase(key);
+   ipMacLeaseSm_.insert(sm);
    return sm;
 }
 

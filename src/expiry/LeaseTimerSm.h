@@ -14,6 +14,7 @@
 #include <unordered_map>
 
 #include "model/WorkRecords.h"
+#include "rt/FlatTable.h"
 #include "rt/TaskScheduler.h"
 
 namespace Tavrin {
@@ -76,7 +77,7 @@ class InterfaceLeaseSetSm : public Rt::RefCounted {
    void handleLease(const LeaseKey& key);
 
    Ptr<const IpMacLeaseSm> ipMacLeaseSm(const LeaseKey& key) const {
-      return Rt::mapFind(ipMacLeaseSm_, key);
+      return Ptr<const IpMacLeaseSm>(ipMacLeaseSm_.get(key));
    }
    size_t ipMacLeaseSmSize() const { return ipMacLeaseSm_.size(); }
    // Find-or-create; empty when the lease went while its machine was built.
@@ -98,7 +99,11 @@ class InterfaceLeaseSetSm : public Rt::RefCounted {
    IntfId intfId_;
    Ptr<LeaseQueryRequest> leaseQueryRequest_;
    Ptr<Rt::TaskScheduler> scheduler_;
-   std::unordered_map<LeaseKey, Ptr<IpMacLeaseSm>> ipMacLeaseSm_;
+   struct KeyOf {
+      const LeaseKey& operator()(const IpMacLeaseSm& sm) const { return sm.ipMacLease()->key(); }
+   };
+   // Keyed by the lease each machine follows; only the Ptr is stored.
+   Rt::FlatKeyedMap<IpMacLeaseSm, KeyOf> ipMacLeaseSm_;
    std::unique_ptr<InterfaceLeaseSetReactor> interfaceLeaseSetReactor_;
 };
 

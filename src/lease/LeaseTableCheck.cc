@@ -10,8 +10,12 @@ namespace {
 // long randomised runs, and copying Ptrs on each lookup would dominate it.
 template <class M, class K>
 const typename M::mapped_type::element_type* in(const M& map, const K& key) {
-   auto it = map.find(key);
-   return it == map.end() ? nullptr : it->second.get();
+   if constexpr (requires { map.get(key); }) {
+      return map.get(key);
+   } else {
+      auto it = map.find(key);
+      return it == map.end() ? nullptr : it->second.get();
+   }
 }
 
 class Checker {

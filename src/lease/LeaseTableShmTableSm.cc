@@ -31,13 +31,14 @@ void LeaseTableShmTableSm::leaseTableDel() {
 }
 
 std::optional<IpMacLeaseKey> LeaseTableShmTableSm::ipToLeaseKey(const IpGenAddr& ip) const {
-   auto it = published_.find(ip);
-   if (it == published_.end()) return std::nullopt;
-   return it->second.key;
+   if (const auto* e = published_.get(ip)) return e->key;
+   return std::nullopt;
 }
 
 void LeaseTableShmTableSm::ipToLeaseKeyIs(const IpGenAddr& ip, const IpMacLeaseEntry& entry) {
-   published_[ip] = entry;
+   IpMacLeaseEntry e = entry;
+   e.key.ip = ip;
+   published_.assign(e);
 }
 
 void LeaseTableShmTableSm::ipToLeaseKeyDel(const IpGenAddr& ip) {
@@ -52,17 +53,18 @@ void LeaseTableShmTableSm::ipToLeaseKeyDelAll() {
 // handler that published or withdrew the entry.
 void LeaseTableShmTableSm::handleIpToLease(IpGenAddr ip) {
    auto clientLease = leaseTable_->ipToLease(ip);
-   auto old = published_.find(ip);
+   std::optional<IpMacLeaseEntry> old;
+   if (const auto* e = published_.get(ip)) old = *e;
    bool held = clientLease && clientLease->ipMacLeaseByIp(ip);
    IpMacLeaseEntry entry;
    if (held) entry = {{clientLease->mac(), ip}, clientLease->intfId(), false};
    // Withdrawn, or handed to another MAC without a withdrawal in between:
    // the old pair must not stay allowed.
-   if (old != published_.end() && (!held || old->second.key != entry.key)) {
+   if (old && (!held || old->key != entry.key)) {
       TAVRIN_TRACE(tavrinTrace(), 4,
-                   "Deleting mac " << old->second.key.mac << ", ip " << ip << ", intfId "
-                                   << old->second.intfId);
-      status_->ipMacLeaseDel(old->second.key);
+                   "Deleting mac " << old->key.mac << ", ip " << ip << ", intfId "
+                                   << old->intfId);
+      status_->ipMacLeaseDel(old->key);
       ipToLeaseKeyDel(ip);
    }
    if (!held) return;
@@ -96,6 +98,8 @@ void LeaseTableShmTableSm::handleAllLeases() {
    }
    std::vector<IpGenAddr> ips;
    ips.reserve(leaseTable_->ipToLeaseAll().size());
+   published_.reserve(ips.capacity());
+   status_->collectionSizeIs(ips.capacity());
    for (const auto& [ip, clientLease] : leaseTable_->ipToLeaseAll()) ips.push_back(ip);
    std::sort(ips.begin(), ips.end());
    for (const auto& ip : ips) {

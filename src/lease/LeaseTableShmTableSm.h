@@ -47,7 +47,10 @@ class LeaseTableShmTableSm : public Rt::RefCounted {
    // Kept for the data plane's feedback; nothing reads it yet.
    Ptr<const Hardware::InstalledConfig> installedConfig_;
    std::unique_ptr<LeaseTableReactor> leaseTableReactor_;
-   std::unordered_map<IpGenAddr, IpMacLeaseEntry> published_;
+   struct IpOf {
+      const IpGenAddr& operator()(const IpMacLeaseEntry& e) const { return e.key.ip; }
+   };
+   Rt::DenseKeyedMap<IpMacLeaseEntry, IpOf> published_;
 };
 
 Ptr<LeaseTableShmTableSm> leaseTableShmTableSmFactory(

@@ -124,7 +124,14 @@ void LeaseTableSm::intfConfigReactorIs(IntfId intf) {
 void LeaseTableSm::handleInitialized() {
    if (auto leaseStatus = leaseTable_->leaseStatus()) {
       std::vector<IntfId> intfs;
-      for (const auto& [intf, set] : leaseStatus->interfaceLeaseSetAll()) intfs.push_back(intf);
+      size_t leases = 0;
+      for (const auto& [intf, set] : leaseStatus->interfaceLeaseSetAll()) {
+         intfs.push_back(intf);
+         leases += set->ipMacLeaseSize();
+      }
+      // A restart with a full table would otherwise grow every index a
+      // dozen times over.
+      leaseTable_->reserve(leases);
       for (auto intf : intfs) rebuildInterface(intf);
    }
    followConfiguration();

@@ -65,8 +65,12 @@ void LeaseTable::macToLeaseDel(EthAddr mac) {
 }
 
 void LeaseTable::ipToLeaseIs(const IpGenAddr& ip, const Ptr<ClientLease>& c) {
+   if (!c) {
+      ipToLeaseDel(ip);
+      return;
+   }
    IpGenAddr key = ip;
-   if (Rt::mapAssign(ip_, key, c)) notify<Notifiee>([&key](Notifiee& n) { n.onIpToLease(key); });
+   if (ip_.assign(key, c)) notify<Notifiee>([&key](Notifiee& n) { n.onIpToLease(key); });
 }
 
 void LeaseTable::ipToLeaseDel(const IpGenAddr& ip) {

@@ -6,17 +6,16 @@
 // table holds Ptrs to them, never copies. Only LeaseTableSm writes it.
 #pragma once
 
-#include <unordered_map>
-#include <unordered_set>
-
 #include "model/TavrinTypes.h"
+#include "rt/FlatTable.h"
+#include "rt/SmallMap.h"
 
 namespace Tavrin {
 
 // One client's leases from one server.
 class DhcpLeaseSet : public Rt::EntityBase {
  public:
-   using LeaseSet = std::unordered_set<Ptr<IpMacLease>>;
+   using LeaseSet = Rt::SmallSet<Ptr<IpMacLease>>;
    explicit DhcpLeaseSet(const IpGenAddr& dhcpAddr) : dhcpAddr_(dhcpAddr) {}
 
    const IpGenAddr& dhcpAddr() const { return dhcpAddr_; }
@@ -44,15 +43,19 @@ class ClientLease : public Rt::EntityBase {
    // Only a MAC move re-files a client under another interface.
    void intfIdIs(IntfId i) { intfId_ = i; }
 
+   using ByIp = Rt::SmallMap<IpGenAddr, Ptr<IpMacLease>>;
+   using ByServer = Rt::SmallMap<IpGenAddr, Ptr<DhcpLeaseSet>>;
+
    Ptr<IpMacLease> ipMacLeaseByIp(const IpGenAddr& ip) const { return Rt::mapFind(byIp_, ip); }
-   const std::unordered_map<IpGenAddr, Ptr<IpMacLease>>& ipMacLeaseByIpAll() const { return byIp_; }
+   bool ipMacLeaseByIpHas(const IpGenAddr& ip) const { return byIp_.count(ip) != 0; }
+   const ByIp& ipMacLeaseByIpAll() const { return byIp_; }
    size_t ipMacLeaseByIpSize() const { return byIp_.size(); }
    void ipMacLeaseByIpIs(const IpGenAddr& ip, const Ptr<IpMacLease>& l) { byIp_[ip] = l; }
    // Returns the removed lease (empty when there was none).
    Ptr<IpMacLease> ipMacLeaseByIpDel(const IpGenAddr& ip);
 
    Ptr<DhcpLeaseSet> dhcpLeaseSet(const IpGenAddr& s) const { return Rt::mapFind(dhcp_, s); }
-   const std::map<IpGenAddr, Ptr<DhcpLeaseSet>>& dhcpLeaseSetAll() const { return dhcp_; }
+   const ByServer& dhcpLeaseSetAll() const { return dhcp_; }
    size_t dhcpLeaseSetSize() const { return dhcp_.size(); }
    Ptr<DhcpLeaseSet> dhcpLeaseSetIs(const IpGenAddr& s);
    void dhcpLeaseSetDel(const IpGenAddr& s) { dhcp_.erase(s); }
@@ -60,15 +63,17 @@ class ClientLease : public Rt::EntityBase {
  private:
    EthAddr mac_;
    IntfId intfId_;
-   std::unordered_map<IpGenAddr, Ptr<IpMacLease>> byIp_;
-   // A client has leases from one or two servers: a small ordered map.
-   std::map<IpGenAddr, Ptr<DhcpLeaseSet>> dhcp_;
+   // Nearly every client holds one lease from one server: both are kept
+   // in place, and the trapped-frame check reads the address without
+   // touching the lease.
+   ByIp byIp_;
+   ByServer dhcp_;
 };
 
 // A set of client leases, keyed by the record itself.
 class ClientLeaseSet : public Rt::EntityBase {
  public:
-   using Set = std::unordered_set<Ptr<ClientLease>>;
+   using Set = Rt::FlatPtrSet<ClientLease>;
    bool clientLeaseHas(const Ptr<ClientLease>& c) const { return client_.count(c) != 0; }
    const Set& clientLeaseAll() const { return client_; }
    size_t clientLeaseSize() const { return client_.size(); }
@@ -97,6 +102,66 @@ class InterfaceClientLeaseSet : public ClientLeaseSet {
 
  private:
    IntfId intfId_;
+};
+
+// The leased IPs, each with the client that holds it. The slot also keeps
+// the client's MAC (it fits in the padding), so that the trapped-frame check
+// is answered from the slot alone, with no visit to the client record.
+class LeasedIpIndex {
+   struct Slot {
+      IpGenAddr ip;
+      EthAddr mac;
+      Ptr<ClientLease> client;
+   };
+   struct Traits {
+      using Slot = LeasedIpIndex::Slot;
+      using Key = IpGenAddr;
+      static bool used(const Slot& s) { return bool(s.client); }
+      static const IpGenAddr& key(const Slot& s) { return s.ip; }
+      static size_t hash(const IpGenAddr& k) { return k.hash(); }
+   };
+   using Table = Rt::FlatTable<Traits>;
+
+ public:
+   using key_type = IpGenAddr;
+   using mapped_type = Ptr<ClientLease>;
+
+   struct AsPair {
+      std::pair<const IpGenAddr&, const Ptr<ClientLease>&> operator()(const Slot& s) const {
+         return {s.ip, s.client};
+      }
+   };
+   using const_iterator = Rt::ProjectingIterator<Table::Iterator<const Slot>, AsPair>;
+   using iterator = const_iterator;
+
+   size_t size() const { return t_.size(); }
+   bool empty() const { return t_.empty(); }
+   void reserve(size_t n) { t_.reserve(n); }
+   const_iterator begin() const { return const_iterator(t_.begin()); }
+   const_iterator end() const { return const_iterator(t_.end()); }
+
+   ClientLease* get(const IpGenAddr& ip) const {
+      const Slot* s = t_.findSlot(ip);
+      return s ? s->client.get() : nullptr;
+   }
+   bool pairHas(EthAddr mac, const IpGenAddr& ip) const {
+      const Slot* s = t_.findSlot(ip);
+      return s && s->mac == mac;
+   }
+   // True when the member was added or changed.
+   bool assign(const IpGenAddr& ip, const Ptr<ClientLease>& c) {
+      Slot& s = t_.slotFor(ip);
+      if (s.client == c) return false;
+      if (!s.client) t_.filled();
+      s.ip = ip;
+      s.mac = c->mac();
+      s.client = c;
+      return true;
+   }
+   size_t erase(const IpGenAddr& ip) { return t_.eraseKey(ip); }
+
+ private:
+   Table t_;
 };
 
 class LeaseTable : public Rt::EntityBase {
@@ -132,16 +197,23 @@ class LeaseTable : public Rt::EntityBase {
    Ptr<DhcpServerLeaseSet> dhcpServerLeaseSetIs(const IpGenAddr& s);
    void dhcpServerLeaseSetDel(const IpGenAddr& s);
 
-   Ptr<ClientLease> macToLease(EthAddr mac) const { return Rt::mapFind(mac_, mac); }
-   const std::unordered_map<EthAddr, Ptr<ClientLease>>& macToLeaseAll() const { return mac_; }
+   using ByMac = Rt::FlatMap<EthAddr, ClientLease>;
+   using ByIp = LeasedIpIndex;
+
+   Ptr<ClientLease> macToLease(EthAddr mac) const { return Ptr<ClientLease>(mac_.get(mac)); }
+   const ByMac& macToLeaseAll() const { return mac_; }
+   // The trapped-frame check: whether mac holds a lease of ip. Asked for
+   // every trapped frame, so it is one probe of the IP index: an IP is
+   // held by one client at most, and the index names it.
+   bool ipMacLeaseHas(EthAddr mac, const IpGenAddr& ip) const { return ip_.pairHas(mac, ip); }
    // Find-or-create. A client of that MAC on another interface is not
    // re-filed: the call fails with the name-in-use error (std::logic_error)
    // and leaves the table unchanged; a move deletes and re-creates instead.
    Ptr<ClientLease> macToLeaseIs(EthAddr mac, IntfId intfId);
    void macToLeaseDel(EthAddr mac);
 
-   Ptr<ClientLease> ipToLease(const IpGenAddr& ip) const { return Rt::mapFind(ip_, ip); }
-   const std::unordered_map<IpGenAddr, Ptr<ClientLease>>& ipToLeaseAll() const { return ip_; }
+   Ptr<ClientLease> ipToLease(const IpGenAddr& ip) const { return Ptr<ClientLease>(ip_.get(ip)); }
+   const ByIp& ipToLeaseAll() const { return ip_; }
    void ipToLeaseIs(const IpGenAddr& ip, const Ptr<ClientLease>& c);
    void ipToLeaseDel(const IpGenAddr& ip);
 
@@ -151,8 +223,8 @@ class LeaseTable : public Rt::EntityBase {
    Ptr<LeaseStatus> leaseStatus_;
    std::map<IntfId, Ptr<InterfaceClientLeaseSet>> intf_;
    std::map<IpGenAddr, Ptr<DhcpServerLeaseSet>> server_;
-   std::unordered_map<EthAddr, Ptr<ClientLease>> mac_;
-   std::unordered_map<IpGenAddr, Ptr<ClientLease>> ip_;
+   ByMac mac_;
+   ByIp ip_;
 };
 
 }  // namespace Tavrin

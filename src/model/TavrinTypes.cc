@@ -122,21 +122,19 @@ void IpMacLease::expirationTimeIs(Seconds t) {
 }
 
 Ptr<IpMacLease> InterfaceLeaseSet::ipMacLeaseIs(const LeaseKey& k) {
-   auto [it, inserted] = lease_.try_emplace(k);
-   if (!inserted) return it->second;
-   it->second = Rt::makePtr<IpMacLease>(k);
-   Ptr<IpMacLease> result = it->second;
+   if (auto* held = lease_.get(k)) return Ptr<IpMacLease>(held);
+   Ptr<IpMacLease> result = lease_.insert(Rt::makePtr<IpMacLease>(k));
    notify<Notifiee>([&k](Notifiee& n) { n.onIpMacLease(k); });
    return result;
 }
 
 void InterfaceLeaseSet::ipMacLeaseDel(const LeaseKey& k) {
-   auto it = lease_.find(k);
-   if (it == lease_.end()) return;
+   auto* held = lease_.get(k);
+   if (!held) return;
    // Keep the record alive until the subscribers have seen it go: the key
    // they are told may live inside it.
-   Ptr<IpMacLease> gone = std::move(it->second);
-   lease_.erase(it);
+   Ptr<IpMacLease> gone(held);
+   lease_.erase(gone->key());
    notify<Notifiee>([&gone](Notifiee& n) { n.onIpMacLease(gone->key()); });
 }
 
@@ -156,14 +154,13 @@ void LeaseStatus::interfaceLeaseSetDel(IntfId i) {
 // ---- IpMacLeaseTable
 
 std::optional<IpMacLeaseEntry> IpMacLeaseTable::ipMacLease(const IpMacLeaseKey& k) const {
-   auto it = entry_.find(k);
-   if (it == entry_.end()) return std::nullopt;
-   return it->second;
+   if (const auto* e = entry_.get(k)) return *e;
+   return std::nullopt;
 }
 
 void IpMacLeaseTable::ipMacLeaseIs(const IpMacLeaseEntry& e) {
    IpMacLeaseKey k = e.key;
-   if (Rt::mapAssign(entry_, k, e)) notify<Notifiee>([&k](Notifiee& n) { n.onIpMacLease(k); });
+   if (entry_.assign(e)) notify<Notifiee>([&k](Notifiee& n) { n.onIpMacLease(k); });
 }
 
 void IpMacLeaseTable::ipMacLeaseDel(const IpMacLeaseKey& key) {

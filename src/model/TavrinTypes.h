@@ -10,6 +10,7 @@
 
 #include "rt/Collection.h"
 #include "rt/Entity.h"
+#include "rt/FlatTable.h"
 #include "rt/Types.h"
 
 namespace Tavrin {
@@ -202,12 +203,19 @@ class InterfaceLeaseSet : public Rt::EntityBase {
       using Rt::Notifiee<InterfaceLeaseSet>::Notifiee;
       virtual void onIpMacLease(const LeaseKey&) {}
    };
-   using LeaseMap = std::unordered_map<LeaseKey, Ptr<IpMacLease>>;
+   struct KeyOf {
+      const LeaseKey& operator()(const IpMacLease& l) const { return l.key(); }
+   };
+   // The lease holds its own key: the set stores only the Ptr.
+   using LeaseMap = Rt::FlatKeyedMap<IpMacLease, KeyOf>;
    explicit InterfaceLeaseSet(IntfId intfId) : intfId_(intfId) {}
 
    IntfId intfId() const { return intfId_; }
-   Ptr<const IpMacLease> ipMacLease(const LeaseKey& k) const { return Rt::mapFind(lease_, k); }
-   Ptr<IpMacLease> ipMacLease(const LeaseKey& k) { return Rt::mapFind(lease_, k); }
+   Ptr<const IpMacLease> ipMacLease(const LeaseKey& k) const {
+      return Ptr<const IpMacLease>(lease_.get(k));
+   }
+   Ptr<IpMacLease> ipMacLease(const LeaseKey& k) { return Ptr<IpMacLease>(lease_.get(k)); }
+   void reserve(size_t n) { lease_.reserve(n); }
    const LeaseMap& ipMacLeaseAll() const { return lease_; }
    size_t ipMacLeaseSize() const { return lease_.size(); }
    // Find-or-create.
@@ -250,7 +258,11 @@ class IpMacLeaseTable : public Rt::EntityBase {
       using Rt::Notifiee<IpMacLeaseTable>::Notifiee;
       virtual void onIpMacLease(const IpMacLeaseKey&) {}
    };
-   using EntryMap = std::unordered_map<IpMacLeaseKey, IpMacLeaseEntry>;
+   struct KeyOf {
+      const IpMacLeaseKey& operator()(const IpMacLeaseEntry& e) const { return e.key; }
+   };
+   // One record per published lease: dense records, hashed by their key.
+   using EntryMap = Rt::DenseKeyedMap<IpMacLeaseEntry, KeyOf>;
 
    // The declared size is where the table starts; it grows as needed.
    void collectionSizeIs(size_t n) { entry_.reserve(n); }

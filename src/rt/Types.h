@@ -104,7 +104,14 @@ class IpGenAddr {
    std::string str() const;
 
    constexpr bool operator==(const IpGenAddr& o) const {
-      return normalFamily() == o.normalFamily() && bytes_ == o.bytes_;
+      if (normalFamily() != o.normalFamily()) return false;
+      if (std::is_constant_evaluated()) return bytes_ == o.bytes_;
+      // Two word compares: this runs on every lease lookup, and the array's
+      // own compare is a call to memcmp.
+      uint64_t a[2], b[2];
+      std::memcpy(a, bytes_.data(), 16);
+      std::memcpy(b, o.bytes_.data(), 16);
+      return ((a[0] ^ b[0]) | (a[1] ^ b[1])) == 0;
    }
    constexpr std::strong_ordering operator<=>(const IpGenAddr& o) const {
       if (auto c = normalFamily() <=> o.normalFamily(); c != 0) return c;
@@ -142,6 +149,16 @@ class EthAddr {
    std::string str() const;
 
    constexpr auto operator<=>(const EthAddr&) const = default;
+   constexpr bool operator==(const EthAddr& o) const {
+      if (std::is_constant_evaluated()) return bytes_ == o.bytes_;
+      uint32_t a0, b0;
+      uint16_t a1, b1;
+      std::memcpy(&a0, bytes_.data(), 4);
+      std::memcpy(&b0, o.bytes_.data(), 4);
+      std::memcpy(&a1, bytes_.data() + 4, 2);
+      std::memcpy(&b1, o.bytes_.data() + 4, 2);
+      return a0 == b0 && a1 == b1;
+   }
 
  private:
    std::array<uint8_t, 6> bytes_{};

@@ -144,8 +144,7 @@ void TrappedIpSm::processTrappedIp(const Ptr<Rt::Pkt>& pkt, IntfId intf) {
    if (srcMac.isZero()) return;
    // A client before it has an address (0.0.0.0) has no lease to look for.
    if (srcIp.isUnset()) return;
-   auto clientLease = leaseTable_ ? leaseTable_->macToLease(srcMac) : nullptr;
-   if (clientLease && clientLease->ipMacLeaseByIp(srcIp)) {
+   if (leaseTable_ && leaseTable_->ipMacLeaseHas(srcMac, srcIp)) {
       TAVRIN_TRACE(trappedIpTrace(), 4,
                    "Packet with srcMac " << srcMac << " matches current lease.");
       return;

@@ -33,7 +33,9 @@ class TrappedIpSmTest : public ::testing::Test {
       // The client holds 10.0.0.100 (its lease sits on Ethernet2).
       auto lease =
           leaseStatus->interfaceLeaseSetIs(kEth2)->ipMacLeaseIs({kClient, kLeasedIp, kServer});
-      leaseTable->macToLeaseIs(kClient, kEth2)->ipMacLeaseByIpIs(kLeasedIp, lease);
+      auto client = leaseTable->macToLeaseIs(kClient, kEth2);
+      client->ipMacLeaseByIpIs(kLeasedIp, lease);
+      leaseTable->ipToLeaseIs(kLeasedIp, client);
    }
 
    void start() { sm = trappedIpSmFactory(leaseTable, rules, request, nullptr, nullptr, nullptr); }
