@@ -152,7 +152,7 @@ TEST(LinuxPam, deliversABatchWithOneNotificationAndBoundsItsQueue) {
    for (size_t i = 0; i < Linux::LinuxPam::kQueueMax + 5; ++i) {
       frames.push_back(Rt::makePtr<Rt::Pkt>(std::vector<uint8_t>{uint8_t(i)}));
    }
-   pam->deliver(frames);
+   pam->deliver(std::move(frames));
    EXPECT_EQ(reader.told, 1);
    EXPECT_EQ(pam->queued(), Linux::LinuxPam::kQueueMax);
    EXPECT_EQ(pam->drops(), 5u);
