@@ -47,7 +47,6 @@ class ClientLease : public Rt::EntityBase {
    using ByServer = Rt::SmallMap<IpGenAddr, Ptr<DhcpLeaseSet>>;
 
    Ptr<IpMacLease> ipMacLeaseByIp(const IpGenAddr& ip) const { return Rt::mapFind(byIp_, ip); }
-   bool ipMacLeaseByIpHas(const IpGenAddr& ip) const { return byIp_.count(ip) != 0; }
    const ByIp& ipMacLeaseByIpAll() const { return byIp_; }
    size_t ipMacLeaseByIpSize() const { return byIp_.size(); }
    void ipMacLeaseByIpIs(const IpGenAddr& ip, const Ptr<IpMacLease>& l) { byIp_[ip] = l; }
@@ -64,8 +63,7 @@ class ClientLease : public Rt::EntityBase {
    EthAddr mac_;
    IntfId intfId_;
    // Nearly every client holds one lease from one server: both are kept
-   // in place, and the trapped-frame check reads the address without
-   // touching the lease.
+   // in place, with no table of their own.
    ByIp byIp_;
    ByServer dhcp_;
 };
