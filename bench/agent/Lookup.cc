@@ -8,10 +8,12 @@
 // MAC and IP at their fixed offsets.
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <random>
 
 #include "bench/agent/Rig.h"
 #include "dhcp/DhcpCodec.h"
+#include "triggers/TrappedIpSm.h"
 
 namespace Tavrin::Bench {
 
@@ -87,9 +89,29 @@ bool runLookup(const Options& o) {
 
    // The stream visits every lease once per pass, in an order unrelated to
    // the order the leases were made in; frames are allocated in stream order.
-   std::vector<size_t> order(n);
-   for (size_t i = 0; i < n; ++i) order[i] = i;
-   std::shuffle(order.begin(), order.end(), std::mt19937_64(20261121));
+   // Frames reach the agent in batches, each from one port's reader (up
+   // to IntfPamSm::kReadBatch): the stream is cut into runs of that many
+   // frames of one port, the port of each run chosen at random.
+   std::vector<size_t> shuffled(n);
+   for (size_t i = 0; i < n; ++i) shuffled[i] = i;
+   std::mt19937_64 rng(20261121);
+   std::shuffle(shuffled.begin(), shuffled.end(), rng);
+   std::map<IntfId, std::vector<size_t>> byPort;
+   for (size_t i : shuffled) byPort[plan.intf(i)].push_back(i);
+   std::vector<std::vector<size_t>*> ports;
+   for (auto& [intf, leases] : byPort) ports.push_back(&leases);
+   std::vector<size_t> order;
+   order.reserve(n);
+   std::vector<size_t> taken(ports.size(), 0);
+   for (size_t live = ports.size(); live > 0;) {
+      const size_t p = std::uniform_int_distribution<size_t>(0, ports.size() - 1)(rng);
+      auto& leases = *ports[p];
+      if (taken[p] == leases.size()) continue;
+      const size_t run = std::min(IntfPamSm::kReadBatch, leases.size() - taken[p]);
+      order.insert(order.end(), leases.begin() + taken[p], leases.begin() + taken[p] + run);
+      taken[p] += run;
+      if (taken[p] == leases.size()) --live;
+   }
    const EthAddr gatewayMac = EthAddr::fromU64(0x02aa00000001ULL);
    const IpAddr gatewayIp = IpAddr::fromBytes(10, 255, 255, 254);
    std::vector<Frame> frames;
@@ -110,8 +132,25 @@ bool runLookup(const Options& o) {
    auto pam = rig.platform().udpPam("Tavrin");
    pam->sentDelAll();
 
+   // The agent's port reader hands over what it drained in batches of
+   // IntfPamSm::kReadBatch; so does this pass (the stream is cut into the
+   // same runs per port, as a flood on one port would arrive).
+   struct Run {
+      std::span<const Ptr<Rt::Pkt>> pkts;
+      IntfId intf;
+   };
+   std::vector<Ptr<Rt::Pkt>> pkts;
+   pkts.reserve(n);
+   for (const auto& f : frames) pkts.push_back(f.pkt);
+   std::vector<Run> runs;
+   for (size_t i = 0; i < n;) {
+      size_t j = i + 1;
+      while (j < n && j - i < IntfPamSm::kReadBatch && frames[j].intf == frames[i].intf) ++j;
+      runs.push_back({std::span<const Ptr<Rt::Pkt>>(pkts).subspan(i, j - i), frames[i].intf});
+      i = j;
+   }
    auto agentPass = [&] {
-      for (const auto& f : frames) trapped->processTrappedIp(f.pkt, f.intf);
+      for (const auto& r : runs) trapped->processTrappedIps(r.pkts, r.intf);
       return pam->sent().empty() ? n : 0;  // a miss would have sent a query
    };
    PacketParser parser;

@@ -146,6 +146,7 @@ class LeasedIpIndex {
       const Slot* s = t_.findSlot(ip);
       return s && s->mac == mac;
    }
+   void prefetch(const IpGenAddr& ip) const { t_.prefetch(ip); }
    // True when the member was added or changed.
    bool assign(const IpGenAddr& ip, const Ptr<ClientLease>& c) {
       Slot& s = t_.slotFor(ip);
@@ -204,6 +205,9 @@ class LeaseTable : public Rt::EntityBase {
    // every trapped frame, so it is one probe of the IP index: an IP is
    // held by one client at most, and the index names it.
    bool ipMacLeaseHas(EthAddr mac, const IpGenAddr& ip) const { return ip_.pairHas(mac, ip); }
+   // Called for each frame of a batch before checking any: the probes'
+   // cache misses then overlap instead of coming one after the other.
+   void ipMacLeaseHasPrefetch(const IpGenAddr& ip) const { ip_.prefetch(ip); }
    // Find-or-create. A client of that MAC on another interface is not
    // re-filed: the call fails with the name-in-use error (std::logic_error)
    // and leaves the table unchanged; a move deletes and re-creates instead.

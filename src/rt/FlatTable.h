@@ -23,6 +23,17 @@
 
 namespace Tavrin::Rt {
 
+// gcc 12 drops a __builtin_prefetch that sits behind any branch (as every
+// lookup's does: the key's hash depends on its family), so on x86 the
+// instruction is written out.
+inline void prefetchRead(const void* p) {
+#if defined(__x86_64__) || defined(__i386__)
+   asm volatile("prefetcht0 %0" : : "m"(*static_cast<const char*>(p)));
+#else
+   __builtin_prefetch(p);
+#endif
+}
+
 // The table proper. Traits says what a slot holds:
 //   Slot                            default-constructed = free
 //   Key                             what the table is searched by
@@ -55,6 +66,12 @@ class FlatTable {
          if (!Traits::used(s)) return nullptr;
          if (Traits::key(s) == k) return &s;
       }
+   }
+
+   // Starts the load of k's first slot, for a caller about to look up a
+   // batch of keys: the misses of the batch then overlap.
+   void prefetch(const Key& k) const {
+      if (capacity_) prefetchRead(&slots_[home(k)]);
    }
 
    // The slot for k, free if k is absent (fill it before any other change).

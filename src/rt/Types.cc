@@ -162,16 +162,6 @@ std::string IpGenAddr::str() const {
    return v4Addr().str();
 }
 
-size_t IpGenAddr::hash() const {
-   if (family_ == Family::v6) {
-      uint64_t hi = 0, lo = 0;
-      for (int i = 0; i < 8; ++i) hi = (hi << 8) | bytes_[i];
-      for (int i = 8; i < 16; ++i) lo = (lo << 8) | bytes_[i];
-      return hashCombine(size_t(mixHash(hi)), size_t(lo));
-   }
-   return std::hash<IpAddr>()(v4Addr());
-}
-
 // ---- EthAddr
 
 std::optional<EthAddr> EthAddr::parse(std::string_view text) {

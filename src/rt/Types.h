@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <compare>
 #include <cstdint>
 #include <cstring>
@@ -115,7 +116,11 @@ class IpGenAddr {
    }
    constexpr std::strong_ordering operator<=>(const IpGenAddr& o) const {
       if (auto c = normalFamily() <=> o.normalFamily(); c != 0) return c;
-      return bytes_ <=> o.bytes_;
+      if (std::is_constant_evaluated()) return bytes_ <=> o.bytes_;
+      // Byte order is the order of two big-endian words; the array's own
+      // compare calls memcmp, a noticeable share of sorting a million leases.
+      if (auto c = word(0) <=> o.word(0); c != 0) return c;
+      return word(1) <=> o.word(1);
    }
    size_t hash() const;
 
@@ -123,6 +128,13 @@ class IpGenAddr {
    // The empty value compares as IPv4 (its bytes are all zero already).
    constexpr Family normalFamily() const {
       return family_ == Family::none ? Family::v4 : family_;
+   }
+   // Bytes 8i..8i+7 as a big-endian number.
+   uint64_t word(int i) const {
+      uint64_t w;
+      std::memcpy(&w, bytes_.data() + 8 * i, 8);
+      if constexpr (std::endian::native == std::endian::little) w = __builtin_bswap64(w);
+      return w;
    }
    Family family_ = Family::none;
    std::array<uint8_t, 16> bytes_{};
@@ -203,6 +215,12 @@ constexpr uint64_t mixHash(uint64_t x) {
 }
 constexpr size_t hashCombine(size_t seed, size_t v) {
    return size_t(mixHash(uint64_t(seed) ^ (uint64_t(v) + 0x9e3779b97f4a7c15ULL + (seed << 6))));
+}
+
+// In the header: every lookup of the lease table by IP hashes one.
+inline size_t IpGenAddr::hash() const {
+   if (family_ == Family::v6) return hashCombine(size_t(mixHash(word(0))), size_t(word(1)));
+   return size_t(mixHash(v4Addr().value()));
 }
 
 }  // namespace Tavrin

@@ -100,6 +100,16 @@ TEST_F(TrappedIpSmTest, packetOfAnUnknownPairIsQueriedByMacOnTheReceivingInterfa
       EXPECT_EQ(requests.take(), c.expected);
       EXPECT_EQ(pam->queued(), 0u);
    }
+
+   // Read as one batch, the same frames get the same verdicts, in order.
+   std::vector<Ptr<Rt::Pkt>> burst;
+   std::vector<Posting> expected;
+   for (const auto& c : cases) {
+      burst.push_back(c.pkt);
+      expected.insert(expected.end(), c.expected.begin(), c.expected.end());
+   }
+   pam->deliver(burst);
+   EXPECT_EQ(requests.take(), expected);
 }
 
 TEST_F(TrappedIpSmTest, repeatedPacketsFromAnUnknownSourceAreEachQueried) {
@@ -112,20 +122,23 @@ TEST_F(TrappedIpSmTest, repeatedPacketsFromAnUnknownSourceAreEachQueried) {
 TEST_F(TrappedIpSmTest, readingStopsAfterTheSliceAndResumesAtTheNextNotification) {
    start();
    auto pam = platform.pam(kEth1);
-   // Each packet costs 2 ms of virtual time: three fit in a 5 ms slice.
-   pam->rxCostIs(0.002, [this](Seconds dt) { platform.virtualClock().advance(dt); });
+   // Each packet costs 1 ms of virtual time, so one batch overruns the 5 ms
+   // slice: the clock is read between batches, and one batch is read per
+   // notification.
+   const size_t batch = IntfPamSm::kReadBatch;
+   pam->rxCostIs(0.001, [this](Seconds dt) { platform.virtualClock().advance(dt); });
    std::vector<Ptr<Rt::Pkt>> burst;
    std::vector<Posting> all;
-   for (uint64_t i = 1; i <= 8; ++i) {
+   for (uint64_t i = 1; i <= 2 * batch + 3; ++i) {
       burst.push_back(frame(EthAddr::fromU64(0x020000000100 + i), kNewIp));
       all.push_back(byMac(EthAddr::fromU64(0x020000000100 + i), kEth1, false, false));
    }
 
    pam->deliver(burst);
-   EXPECT_EQ(requests.postings.size(), 3u);
-   EXPECT_EQ(pam->queued(), 5u);
+   EXPECT_EQ(requests.postings.size(), batch);
+   EXPECT_EQ(pam->queued(), batch + 3);
    pam->deliver({});  // the next readable notification
-   EXPECT_EQ(requests.postings.size(), 6u);
+   EXPECT_EQ(requests.postings.size(), 2 * batch);
    pam->deliver({});
    EXPECT_EQ(pam->queued(), 0u);
    EXPECT_EQ(requests.take(), all) << "every packet read once, in order";
