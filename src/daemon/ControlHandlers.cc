@@ -89,7 +89,12 @@ Json ControlHandlers::showQueries() const {
    auto out = Json::array();
    auto r = root();
    if (!r || !r->leaseQuerySm()) return out;
-   for (const auto& [pair, ctx] : r->leaseQuerySm()->queryContextAll()) {
+   // In pair order: the table itself has none.
+   std::vector<std::pair<IpMacPair, Ptr<QueryContext>>> queries;
+   for (const auto& [pair, ctx] : r->leaseQuerySm()->queryContextAll()) queries.emplace_back(pair, ctx);
+   std::sort(queries.begin(), queries.end(),
+             [](const auto& a, const auto& b) { return a.first < b.first; });
+   for (const auto& [pair, ctx] : queries) {
       auto pending = Json::array();
       for (const auto& s : ctx->pendingServerAll()) pending.push_back(s.str());
       out.push_back({{"by", pair.mac.isZero() ? "ip" : "mac"},

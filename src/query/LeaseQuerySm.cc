@@ -1,5 +1,6 @@
 #include "query/LeaseQuerySm.h"
 
+#include <algorithm>
 #include <cmath>
 #include <set>
 #include <vector>
@@ -60,19 +61,18 @@ LeaseQuerySm::~LeaseQuerySm() {
 // ---------------------------------------------------------------- tables
 
 Ptr<QueryContext> LeaseQuerySm::queryContext(const IpMacPair& pair) const {
-   return Rt::mapFind(queryContext_, pair);
+   return Ptr<QueryContext>(queryContext_.get(pair));
 }
 
 Ptr<QueryContext> LeaseQuerySm::queryContextIs(const IpMacPair& pair) {
-   auto& slot = queryContext_[pair];
-   if (!slot) slot = Rt::makePtr<QueryContext>(pair);
-   return slot;
+   if (auto* existing = queryContext_.get(pair)) return Ptr<QueryContext>(existing);
+   return queryContext_.insert(Rt::makePtr<QueryContext>(pair));
 }
 
 void LeaseQuerySm::queryContextDel(const IpMacPair& pair) { queryContext_.erase(pair); }
 
 Ptr<TimerReactor> LeaseQuerySm::timerReactor(const IpMacPair& pair) const {
-   return Rt::mapFind(timerReactor_, pair);
+   return Ptr<TimerReactor>(timerReactor_.get(pair));
 }
 
 Ptr<TimerReactor> LeaseQuerySm::timerReactorIs(const IpMacPair& pair, LeaseQuerySm* leaseQuerySm,
@@ -80,18 +80,16 @@ Ptr<TimerReactor> LeaseQuerySm::timerReactorIs(const IpMacPair& pair, LeaseQuery
                                                double sendTime) {
    if (auto existing = timerReactor(pair)) return existing;
    if (!scheduler) return nullptr;
-   auto reactor = Rt::makePtr<TimerReactor>(pair, leaseQuerySm, scheduler, sendTime);
-   timerReactor_.emplace(pair, reactor);
-   return reactor;
+   return timerReactor_.insert(Rt::makePtr<TimerReactor>(pair, leaseQuerySm, scheduler, sendTime));
 }
 
 void LeaseQuerySm::timerReactorDel(const IpMacPair& pair) {
-   auto it = timerReactor_.find(pair);
-   if (it == timerReactor_.end()) return;
+   TimerReactor* reactor = timerReactor_.get(pair);
+   if (!reactor) return;
    // The reactor may outlive this call when its own run is on the stack;
    // its task must not.
-   it->second->queryTaskDel();
-   timerReactor_.erase(it);
+   reactor->queryTaskDel();
+   timerReactor_.erase(pair);
 }
 
 // ---------------------------------------------------------------- sending
@@ -257,6 +255,7 @@ void LeaseQuerySm::handleDhcpServerDeconfigured(IpAddr server) {
    std::vector<IpMacPair> pairs;
    pairs.reserve(queryContext_.size());
    for (const auto& [pair, ctx] : queryContext_) pairs.push_back(pair);
+   std::sort(pairs.begin(), pairs.end());  // the same order on every run
    for (const auto& pair : pairs) deleteFromPendingServer(IpGenAddr(server), pair);
 }
 

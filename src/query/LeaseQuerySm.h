@@ -17,6 +17,7 @@
 #include "platform/UdpPam.h"
 #include "query/QueryContext.h"
 #include "query/TimerReactor.h"
+#include "rt/FlatTable.h"
 #include "rt/TaskScheduler.h"
 
 namespace Tavrin {
@@ -47,13 +48,25 @@ class LeaseQuerySm : public Rt::RefCounted {
    const Ptr<Platform::UdpPam>& udpPam() const { return udpPam_; }
    bool initialized() const { return initialized_; }
 
+   // Keyed through each record's own pair. A start re-queries every client,
+   // so these hold a million entries at times: flat, and in no order
+   // (readers that show them sort).
+   struct PairOf {
+      template <class T>
+      const IpMacPair& operator()(const T& x) const {
+         return x.ipMacPair();
+      }
+   };
+   using QueryContextMap = Rt::FlatKeyedMap<QueryContext, PairOf>;
+   using TimerReactorMap = Rt::FlatKeyedMap<TimerReactor, PairOf>;
+
    // Queries in flight (read by the simulator's dump and the daemon's show).
-   const std::map<IpMacPair, Ptr<QueryContext>>& queryContextAll() const { return queryContext_; }
+   const QueryContextMap& queryContextAll() const { return queryContext_; }
    Ptr<QueryContext> queryContext(const IpMacPair& pair) const;
    Ptr<QueryContext> queryContextIs(const IpMacPair& pair);
    void queryContextDel(const IpMacPair& pair);
 
-   const std::map<IpMacPair, Ptr<TimerReactor>>& timerReactorAll() const { return timerReactor_; }
+   const TimerReactorMap& timerReactorAll() const { return timerReactor_; }
    Ptr<TimerReactor> timerReactor(const IpMacPair& pair) const;
    Ptr<TimerReactor> timerReactorIs(const IpMacPair& pair, LeaseQuerySm* leaseQuerySm,
                                     const Ptr<Rt::TaskScheduler>& scheduler, double sendTime);
@@ -126,8 +139,8 @@ class LeaseQuerySm : public Rt::RefCounted {
    Ptr<const Platform::IpStatus> ipStatus_;
    Ptr<Rt::TaskScheduler> scheduler_;
    Ptr<Platform::UdpPam> udpPam_;
-   std::map<IpMacPair, Ptr<QueryContext>> queryContext_;
-   std::map<IpMacPair, Ptr<TimerReactor>> timerReactor_;
+   QueryContextMap queryContext_;
+   TimerReactorMap timerReactor_;
    bool initialized_ = false;
    std::unique_ptr<LeaseQueryRequestReactor> leaseQueryRequestReactor_;
    std::unique_ptr<CliConfigReactor> cliConfigReactor_;

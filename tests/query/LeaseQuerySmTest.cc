@@ -478,7 +478,7 @@ TEST_F(LeaseQueryFixture, emptyInputsAreTolerated) {
    queryByMac();
    ASSERT_EQ(blind->queryContextAll().size(), 1u);
    platform.advance(3);
-   EXPECT_EQ(blind->queryContextAll().begin()->second->sentCount(), 0);
+   EXPECT_EQ((*blind->queryContextAll().begin()).second->sentCount(), 0);
    blind = nullptr;
    EXPECT_EQ(platform.taskScheduler()->armed(), 0u);
 }
