@@ -10,12 +10,6 @@ Ptr<IpMacLease> ClientLease::ipMacLeaseByIpDel(const IpGenAddr& ip) {
    return removed;
 }
 
-Ptr<DhcpLeaseSet> ClientLease::dhcpLeaseSetIs(const IpGenAddr& s) {
-   auto& slot = dhcp_[s];
-   if (!slot) slot = Rt::makePtr<DhcpLeaseSet>(s);
-   return slot;
-}
-
 Ptr<InterfaceClientLeaseSet> LeaseTable::interfaceClientLeaseSetIs(IntfId i) {
    auto& slot = intf_[i];
    if (slot) return slot;

@@ -17,15 +17,15 @@ TEST(LeaseTableCheck, findsEachKindOfBrokenIndex) {
    } cases[] = {
        {"an IP missing from ipToLease", [](LeaseHarness& h) { h.table->ipToLeaseDel(ip(10)); },
         "ipToLease 10.1.0.10"},
-       {"a dead record left in a server set",
-        [](LeaseHarness& h) {
-           auto dead = Rt::makePtr<IpMacLease>(LeaseKey{mac(1), ip(10), server(1)});
-           h.table->macToLease(mac(1))->dhcpLeaseSet(server(1))->ipMacLeaseIs(dead);
-        },
-        "keeps a dead lease"},
+       {"a client that no longer lists the server of its leases",
+        [](LeaseHarness& h) { h.table->macToLease(mac(1))->dhcpLeaseSetDel(server(1)); },
+        "missing from its server set"},
+       {"a server left listed in a client without leases from it",
+        [](LeaseHarness& h) { h.table->macToLease(mac(1))->dhcpLeaseSetIs(server(2)); },
+        "keeps an empty set"},
        {"a wrong newest time",
         [](LeaseHarness& h) {
-           h.table->macToLease(mac(1))->dhcpLeaseSet(server(1))->newestLastTransactionTimeIs(1);
+           h.table->macToLease(mac(1))->dhcpLeaseSet(server(1)).newestLastTransactionTimeIs(1);
         },
         "newest time"},
        {"a persisted lease deleted behind the table's back",
