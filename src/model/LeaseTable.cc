@@ -2,6 +2,10 @@
 
 namespace Tavrin {
 
+// A million clients each have one: 120 bytes make a 128-byte heap block.
+static_assert(sizeof(void*) != 8 || sizeof(ClientLease) <= 120,
+              "ClientLease has left the 128-byte heap block");
+
 Ptr<IpMacLease> ClientLease::ipMacLeaseByIpDel(const IpGenAddr& ip) {
    auto it = byIp_.find(ip);
    if (it == byIp_.end()) return nullptr;
