@@ -157,8 +157,12 @@ class ClientLeaseSet : public Rt::EntityBase {
    Set client_;
 };
 
-// Every client that holds at least one lease from one server.
-class DhcpServerLeaseSet : public ClientLeaseSet {
+// One server the table knows, configured or still named by leases. Its
+// clients are not listed here: each client lists its servers, and the one
+// question by server (which clients lose their leases when it goes) comes
+// with a configuration change and walks the clients. A list of a million
+// clients kept for it would cost 16 bytes a lease and an insert per lease.
+class DhcpServerLeaseSet : public Rt::EntityBase {
  public:
    explicit DhcpServerLeaseSet(const IpGenAddr& dhcpAddr) : dhcpAddr_(dhcpAddr) {}
    const IpGenAddr& dhcpAddr() const { return dhcpAddr_; }
@@ -269,6 +273,8 @@ class LeaseTable : public Rt::EntityBase {
    }
    Ptr<DhcpServerLeaseSet> dhcpServerLeaseSetIs(const IpGenAddr& s);
    void dhcpServerLeaseSetDel(const IpGenAddr& s);
+   // The clients holding a lease from s, in MAC order.
+   std::vector<Ptr<ClientLease>> dhcpServerClientLeaseAll(const IpGenAddr& s) const;
 
    using ByMac = Rt::FlatMap<EthAddr, ClientLease>;
    using ByIp = LeasedIpIndex;
