@@ -68,9 +68,9 @@ void LeaseTableShmTableSm::handleIpToLease(IpGenAddr ip) {
    // Withdrawn, or handed to another MAC without a withdrawal in between:
    // the old pair must not stay allowed.
    if (old && (!held || *old != entry.key)) {
-      TAVRIN_TRACE(tavrinTrace(), 4,
-                   "Deleting mac " << old->mac << ", ip " << ip << ", intfId "
-                                   << publishedIntf(*old));
+      TAVRIN_TRACE(
+          tavrinTrace(), 4,
+          "Deleting mac " << old->mac << ", ip " << ip << ", intfId " << publishedIntf(*old));
       status_->ipMacLeaseDel(*old);
       ipToLeaseKeyDel(ip);
    }

@@ -87,8 +87,7 @@ TEST(LeaseTable, serverSetsAreFindOrCreateAndHoldTheClientsLeasesOfTheirServer) 
    auto server = *IpGenAddr::parse("10.0.0.1");
    auto other = *IpGenAddr::parse("10.0.0.2");
    auto lease = Rt::makePtr<IpMacLease>(LeaseKey{kMac, *IpGenAddr::parse("10.0.0.5"), server});
-   auto fromOther =
-       Rt::makePtr<IpMacLease>(LeaseKey{kMac, *IpGenAddr::parse("10.0.0.4"), other});
+   auto fromOther = Rt::makePtr<IpMacLease>(LeaseKey{kMac, *IpGenAddr::parse("10.0.0.4"), other});
    client->ipMacLeaseByIpIs(lease->ip(), lease);
    client->ipMacLeaseByIpIs(fromOther->ip(), fromOther);
    client->dhcpLeaseSetIs(server).newestLastTransactionTimeIs(7);
