@@ -1,6 +1,8 @@
 // The agent's in-memory index of the leases it holds, organised so that each
-// question the state machines ask is one lookup: the leases of a MAC, the
-// client of an IP, the clients of a server, the clients on an interface.
+// question the state machines ask as leases come and go is one lookup: the
+// leases of a MAC, the client of an IP, the clients on an interface. (The
+// clients of a server are asked for only when the server leaves the
+// configuration, and are found by a walk.)
 //
 // The lease records are the persisted IpMacLease entities themselves; the
 // table holds Ptrs to them, never copies. Only LeaseTableSm writes it.
@@ -38,9 +40,8 @@ class ClientLease : public Rt::EntityBase {
    // Returns the removed lease (empty when there was none).
    Ptr<IpMacLease> ipMacLeaseByIpDel(const IpGenAddr& ip);
 
-   // Empty when the client has no set of that server.
-   // As the records the sets once were, a set found through a read-only
-   // client may still be written.
+   // Empty when the client has no set of that server. Like a Ptr to an
+   // entity, the view writes through even when found from a const client.
    inline DhcpLeaseSet dhcpLeaseSet(const IpGenAddr& s) const;
    const ByServer& dhcpLeaseSetAll() const { return dhcp_; }
    size_t dhcpLeaseSetSize() const { return dhcp_.size(); }
