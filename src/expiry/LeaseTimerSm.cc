@@ -32,14 +32,17 @@ std::ostream& operator<<(std::ostream& os, TimeText t) {
 IpMacLeaseSm::IpMacLeaseSm(Ptr<const IpMacLease> ipMacLease, IntfId intfId,
                            Ptr<LeaseQueryRequest> leaseQueryRequest,
                            Ptr<Rt::TaskScheduler> scheduler)
-    : intfId_(intfId),
+    : IpMacLease::Notifiee(ipMacLease),
+      intfId_(intfId),
       leaseQueryRequest_(std::move(leaseQueryRequest)),
-      queryTask_(std::move(scheduler), kLeaseTimerPriority, "leaseTimerTask"),
-      queryTaskReactor_(*this),
-      ipMacLeaseReactor_(*this, ipMacLease) {
-   queryTaskReactor_.notifierIs(&queryTask_);
+      queryTask_(std::move(scheduler), kLeaseTimerPriority, "leaseTimerTask") {
+   Rt::TimerTask::Notifiee::notifierIs(&queryTask_);
    handleExpirationTime();
 }
+
+// A million leases each have one: keep the layout described in the header.
+static_assert(sizeof(void*) != 8 || sizeof(IpMacLeaseSm) <= 120,
+              "IpMacLeaseSm has left the 128-byte heap block");
 
 void IpMacLeaseSm::handleExpirationTime() {
    const Seconds now = Rt::now();

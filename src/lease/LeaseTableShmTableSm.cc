@@ -31,14 +31,14 @@ void LeaseTableShmTableSm::leaseTableDel() {
 }
 
 std::optional<IpMacLeaseKey> LeaseTableShmTableSm::ipToLeaseKey(const IpGenAddr& ip) const {
-   if (const auto* e = published_.get(ip)) return e->key;
+   if (const auto* k = published_.get(ip)) return *k;
    return std::nullopt;
 }
 
 void LeaseTableShmTableSm::ipToLeaseKeyIs(const IpGenAddr& ip, const IpMacLeaseEntry& entry) {
-   IpMacLeaseEntry e = entry;
-   e.key.ip = ip;
-   published_.assign(e);
+   IpMacLeaseKey k = entry.key;
+   k.ip = ip;
+   published_.assign(k);
 }
 
 void LeaseTableShmTableSm::ipToLeaseKeyDel(const IpGenAddr& ip) {
@@ -49,22 +49,29 @@ void LeaseTableShmTableSm::ipToLeaseKeyDelAll() {
    published_.clear();
 }
 
+// While the machine runs nothing else writes the shared table, so what the
+// table holds under a key is what the machine published.
+IntfId LeaseTableShmTableSm::publishedIntf(const IpMacLeaseKey& key) const {
+   auto entry = status_->ipMacLease(key);
+   return entry ? entry->intfId : IntfId();
+}
+
 // Traces are written here, not in a shared helper, so that each names the
 // handler that published or withdrew the entry.
 void LeaseTableShmTableSm::handleIpToLease(IpGenAddr ip) {
    auto clientLease = leaseTable_->ipToLease(ip);
-   std::optional<IpMacLeaseEntry> old;
-   if (const auto* e = published_.get(ip)) old = *e;
+   std::optional<IpMacLeaseKey> old;
+   if (const auto* k = published_.get(ip)) old = *k;
    bool held = clientLease && clientLease->ipMacLeaseByIp(ip);
    IpMacLeaseEntry entry;
    if (held) entry = {{clientLease->mac(), ip}, clientLease->intfId(), false};
    // Withdrawn, or handed to another MAC without a withdrawal in between:
    // the old pair must not stay allowed.
-   if (old && (!held || old->key != entry.key)) {
-      TAVRIN_TRACE(tavrinTrace(), 4,
-                   "Deleting mac " << old->key.mac << ", ip " << ip << ", intfId "
-                                   << old->intfId);
-      status_->ipMacLeaseDel(old->key);
+   if (old && (!held || *old != entry.key)) {
+      TAVRIN_TRACE(
+          tavrinTrace(), 4,
+          "Deleting mac " << old->mac << ", ip " << ip << ", intfId " << publishedIntf(*old));
+      status_->ipMacLeaseDel(*old);
       ipToLeaseKeyDel(ip);
    }
    if (!held) return;

@@ -32,6 +32,8 @@ class LeaseTableShmTableSm : public Rt::RefCounted {
    void leaseTableDel();
 
  private:
+   IntfId publishedIntf(const IpMacLeaseKey& key) const;
+
    class LeaseTableReactor : public LeaseTable::Notifiee {
     public:
       LeaseTableReactor(LeaseTableShmTableSm& sm, const Ptr<const LeaseTable>& t)
@@ -48,9 +50,12 @@ class LeaseTableShmTableSm : public Rt::RefCounted {
    Ptr<const Hardware::InstalledConfig> installedConfig_;
    std::unique_ptr<LeaseTableReactor> leaseTableReactor_;
    struct IpOf {
-      const IpGenAddr& operator()(const IpMacLeaseEntry& e) const { return e.key.ip; }
+      const IpGenAddr& operator()(const IpMacLeaseKey& k) const { return k.ip; }
    };
-   Rt::DenseKeyedMap<IpMacLeaseEntry, IpOf> published_;
+   // The key alone (23 bytes, where the whole entry takes 32): a withdrawal
+   // needs nothing else, and the interface a withdrawal traces is read back
+   // from the shared table only when that trace is on.
+   Rt::DenseKeyedMap<IpMacLeaseKey, IpOf> published_;
 };
 
 Ptr<LeaseTableShmTableSm> leaseTableShmTableSmFactory(

@@ -348,9 +348,9 @@ void LeaseTableSm::addLease(EthAddr mac, IpGenAddr ip, IntfId intf, IpGenAddr dh
       return;
    }
    auto clientLease = leaseTable_->macToLease(mac);
-   auto dhcpLeaseSet = clientLease ? clientLease->dhcpLeaseSet(dhcpServer) : nullptr;
-   if (dhcpLeaseSet && lastTxTime > dhcpLeaseSet->newestLastTransactionTime()) {
-      dhcpLeaseSet->newestLastTransactionTimeIs(lastTxTime);
+   auto dhcpLeaseSet = clientLease ? clientLease->dhcpLeaseSet(dhcpServer) : DhcpLeaseSet();
+   if (dhcpLeaseSet && lastTxTime > dhcpLeaseSet.newestLastTransactionTime()) {
+      dhcpLeaseSet.newestLastTransactionTimeIs(lastTxTime);
    }
 }
 
@@ -363,15 +363,19 @@ void LeaseTableSm::addLeaseFromStateStore(Ptr<IpMacLease> lease, IntfId intf) {
                     << ", expirationTime: " << TimeText{lease->expirationTime()});
    auto clientLease = leaseTable_->macToLeaseIs(lease->mac(), intf);
    clientLease->ipMacLeaseByIpIs(lease->ip(), lease);
-   auto dhcpLeaseSet = clientLease->dhcpLeaseSetIs(lease->dhcpAddr());
-   // A set without leases has no newest time yet, whatever it stores.
-   bool first = dhcpLeaseSet->ipMacLeaseSize() == 0;
-   dhcpLeaseSet->ipMacLeaseIs(lease);
+   // A set without other leases has no newest time yet, whatever it stores.
+   // (A MAC move re-files a lease by replacing it: the old record is gone
+   // from the client by now.)
+   bool first = clientLease->dhcpLeaseSetIs(lease->dhcpAddr()).ipMacLeaseSize() == 1;
    leaseTable_->ipToLeaseIs(lease->ip(), clientLease);
-   leaseTable_->dhcpServerLeaseSetIs(lease->dhcpAddr())->clientLeaseIs(clientLease);
+   leaseTable_->dhcpServerLeaseSetIs(lease->dhcpAddr());
    leaseTable_->interfaceClientLeaseSetIs(intf)->clientLeaseIs(clientLease);
-   if (first || lease->lastTransactionTime() > dhcpLeaseSet->newestLastTransactionTime()) {
-      dhcpLeaseSet->newestLastTransactionTimeIs(lease->lastTransactionTime());
+   // Looked up again: a view does not survive a change to the client's
+   // servers, and the calls above run other machines.
+   auto dhcpLeaseSet = clientLease->dhcpLeaseSet(lease->dhcpAddr());
+   if (dhcpLeaseSet &&
+       (first || lease->lastTransactionTime() > dhcpLeaseSet.newestLastTransactionTime())) {
+      dhcpLeaseSet.newestLastTransactionTimeIs(lease->lastTransactionTime());
    }
 }
 
@@ -416,23 +420,18 @@ void LeaseTableSm::removeLeaseByIp(IpGenAddr ip) {
                 "ip: " << ip << ", lastTxTime: " << TimeText{lease->lastTransactionTime()}
                        << ", dhcpServer: " << dhcpServer);
    if (auto dhcpLeaseSet = owner->dhcpLeaseSet(dhcpServer)) {
-      if (dhcpLeaseSet->ipMacLeaseSize() == 1 && dhcpLeaseSet->ipMacLeaseHas(lease)) {
+      // The lease has left the client, and with it the set.
+      if (dhcpLeaseSet.ipMacLeaseSize() == 0) {
          owner->dhcpLeaseSetDel(dhcpServer);
-         // The server set lists the clients holding a lease from the server;
-         // this one holds none now, whatever else it holds.
-         if (auto serverSet = leaseTable_->dhcpServerLeaseSet(dhcpServer)) {
-            serverSet->clientLeaseDel(owner);
-         }
       } else {
-         dhcpLeaseSet->ipMacLeaseDel(lease);
-         if (dhcpLeaseSet->newestLastTransactionTime() == lease->lastTransactionTime()) {
+         if (dhcpLeaseSet.newestLastTransactionTime() == lease->lastTransactionTime()) {
             Seconds newest = 0;
             bool any = false;
-            for (const auto& l : dhcpLeaseSet->ipMacLeaseAll()) {
+            for (const auto& l : dhcpLeaseSet.ipMacLeaseAll()) {
                if (!any || l->lastTransactionTime() > newest) newest = l->lastTransactionTime();
                any = true;
             }
-            dhcpLeaseSet->newestLastTransactionTimeIs(newest);
+            dhcpLeaseSet.newestLastTransactionTimeIs(newest);
          }
       }
    }
@@ -440,9 +439,6 @@ void LeaseTableSm::removeLeaseByIp(IpGenAddr ip) {
       dropClientIfCurrent(*leaseTable_, owner);
       if (auto intfSet = leaseTable_->interfaceClientLeaseSet(owner->intfId())) {
          intfSet->clientLeaseDel(owner);
-      }
-      if (auto serverSet = leaseTable_->dhcpServerLeaseSet(dhcpServer)) {
-         serverSet->clientLeaseDel(owner);
       }
       TAVRIN_TRACE(leaseTrace(), 4, "Deleting ClientLease for mac:" << owner->mac());
    }
@@ -475,19 +471,17 @@ void LeaseTableSm::removeLeaseByMac(EthAddr mac, IpGenAddr dhcpServer) {
    auto clientLease = leaseTable_->macToLease(mac);
    if (!clientLease) return;
    removeDhcpFromClientLease(leaseTable_, clientLease, dhcpServer);
-   if (auto serverSet = leaseTable_->dhcpServerLeaseSet(dhcpServer)) {
-      serverSet->clientLeaseDel(clientLease);
-   }
 }
 
 void LeaseTableSm::removeDhcpServer(IpGenAddr dhcpServer) {
    TAVRIN_TRACE(leaseTrace(), 4, "DHCP server: " << dhcpServer);
    auto serverSet = leaseTable_->dhcpServerLeaseSet(dhcpServer);
+   // Taken before the set goes, as when the set listed its clients.
+   std::vector<Ptr<ClientLease>> clients;
+   if (serverSet) clients = leaseTable_->dhcpServerClientLeaseAll(dhcpServer);
    leaseTable_->dhcpServerLeaseSetDel(dhcpServer);
-   size_t count = serverSet ? serverSet->clientLeaseSize() : 0;
-   TAVRIN_TRACE(leaseTrace(), 4, "Removing " << count << " ClientLeases");
-   if (!serverSet) return;
-   for (const auto& clientLease : byMacOrder(*serverSet)) {
+   TAVRIN_TRACE(leaseTrace(), 4, "Removing " << clients.size() << " ClientLeases");
+   for (const auto& clientLease : clients) {
       removeDhcpFromClientLease(leaseTable_, clientLease, dhcpServer);
    }
 }
@@ -511,19 +505,20 @@ void removeDhcpFromClientLease(const Ptr<LeaseTable>& leaseTable,
                                const Ptr<ClientLease>& clientLease, IpGenAddr dhcpServer) {
    TAVRIN_TRACE(leaseTrace(), 4,
                 "ClientLease mac: " << clientLease->mac() << ", dhcpServer: " << dhcpServer);
-   auto dhcpLeaseSet = clientLease->dhcpLeaseSet(dhcpServer);
+   // Taken before the set goes: it is a view of the client's leases.
+   std::vector<Ptr<IpMacLease>> leases;
+   if (auto dhcpLeaseSet = clientLease->dhcpLeaseSet(dhcpServer)) {
+      leases = byIpOrder(dhcpLeaseSet.ipMacLeaseAll());
+   }
    clientLease->dhcpLeaseSetDel(dhcpServer);
-   size_t count = dhcpLeaseSet ? dhcpLeaseSet->ipMacLeaseSize() : 0;
-   TAVRIN_TRACE(leaseTrace(), 4, "Removing " << count << " IPs");
-   if (dhcpLeaseSet) {
-      for (const auto& ipMacLease : byIpOrder(dhcpLeaseSet->ipMacLeaseAll())) {
-         IpGenAddr ip = ipMacLease->ip();
-         if (leaseTable->ipToLease(ip) == clientLease) leaseTable->ipToLeaseDel(ip);
-         // clang-format off
-         TAVRIN_ASSERT(ipMacLease == clientLease->ipMacLeaseByIpDel( ip ));
-         // clang-format on
-         delFromLeaseStatus(leaseTable, clientLease->intfId(), ipMacLease->key());
-      }
+   TAVRIN_TRACE(leaseTrace(), 4, "Removing " << leases.size() << " IPs");
+   for (const auto& ipMacLease : leases) {
+      IpGenAddr ip = ipMacLease->ip();
+      if (leaseTable->ipToLease(ip) == clientLease) leaseTable->ipToLeaseDel(ip);
+      // clang-format off
+      TAVRIN_ASSERT(ipMacLease == clientLease->ipMacLeaseByIpDel( ip ));
+      // clang-format on
+      delFromLeaseStatus(leaseTable, clientLease->intfId(), ipMacLease->key());
    }
    if (clientLease->dhcpLeaseSetSize() == 0) {
       TAVRIN_TRACE(leaseTrace(), 4, "Deleting clientLease");
@@ -541,11 +536,10 @@ void delClientLeaseInternals(const Ptr<LeaseTable>& leaseTable,
       TAVRIN_TRACE(leaseTrace(), 4, "Removing ip:" << lease->ip());
       if (leaseTable->ipToLease(lease->ip()) == clientLease) leaseTable->ipToLeaseDel(lease->ip());
    }
-   for (const auto& [dhcpServer, dhcpLeaseSet] : clientLease->dhcpLeaseSetAll()) {
+   // No server keeps a list of its clients: the client leaves them by
+   // leaving the table, and only the trace of each is left to write.
+   for (const auto& [dhcpServer, newest] : clientLease->dhcpLeaseSetAll()) {
       TAVRIN_TRACE(leaseTrace(), 4, "Removing clientLease from DHCP server:" << dhcpServer);
-      if (auto serverSet = leaseTable->dhcpServerLeaseSet(dhcpServer)) {
-         serverSet->clientLeaseDel(clientLease);
-      }
    }
 }
 
@@ -592,12 +586,9 @@ void LeaseTableSm::moveMac(EthAddr mac, IntfId newIntf) {
    auto oldStatusSet = leaseStatus ? leaseStatus->interfaceLeaseSet(oldIntf) : nullptr;
    for (const auto& lease : byIpOrder(clientLease->ipMacLeaseByIpAll())) {
       if (oldStatusSet) oldStatusSet->ipMacLeaseDel(lease->key());
-      // The record is written anew under the new interface: the old one must
-      // leave its server set too, and the IP is re-entered so that its
-      // publication follows the interface.
-      if (auto dhcpLeaseSet = clientLease->dhcpLeaseSet(lease->dhcpAddr())) {
-         dhcpLeaseSet->ipMacLeaseDel(lease);
-      }
+      // The record is written anew under the new interface, and replaces the
+      // old one in the client (and so in its server set); the IP is
+      // re-entered so that its publication follows the interface.
       leaseTable_->ipToLeaseDel(lease->ip());
       addLease(mac, lease->ip(), newIntf, lease->dhcpAddr(), lease->lastTransactionTime(),
                lease->expirationTime());

@@ -1,6 +1,12 @@
 #include "model/LeaseTable.h"
 
+#include <algorithm>
+
 namespace Tavrin {
+
+// A million clients each have one: 120 bytes make a 128-byte heap block.
+static_assert(sizeof(void*) != 8 || sizeof(ClientLease) <= 120,
+              "ClientLease has left the 128-byte heap block");
 
 Ptr<IpMacLease> ClientLease::ipMacLeaseByIpDel(const IpGenAddr& ip) {
    auto it = byIp_.find(ip);
@@ -8,12 +14,6 @@ Ptr<IpMacLease> ClientLease::ipMacLeaseByIpDel(const IpGenAddr& ip) {
    Ptr<IpMacLease> removed = std::move(it->second);
    byIp_.erase(it);
    return removed;
-}
-
-Ptr<DhcpLeaseSet> ClientLease::dhcpLeaseSetIs(const IpGenAddr& s) {
-   auto& slot = dhcp_[s];
-   if (!slot) slot = Rt::makePtr<DhcpLeaseSet>(s);
-   return slot;
 }
 
 Ptr<InterfaceClientLeaseSet> LeaseTable::interfaceClientLeaseSetIs(IntfId i) {
@@ -41,6 +41,16 @@ Ptr<DhcpServerLeaseSet> LeaseTable::dhcpServerLeaseSetIs(const IpGenAddr& s) {
 void LeaseTable::dhcpServerLeaseSetDel(const IpGenAddr& server) {
    IpGenAddr s = server;
    if (server_.erase(s)) notify<Notifiee>([&s](Notifiee& n) { n.onDhcpServerLeaseSet(s); });
+}
+
+std::vector<Ptr<ClientLease>> LeaseTable::dhcpServerClientLeaseAll(const IpGenAddr& s) const {
+   std::vector<Ptr<ClientLease>> out;
+   for (const auto& [mac, client] : mac_) {
+      if (client->dhcpLeaseSet(s)) out.push_back(client);
+   }
+   std::sort(out.begin(), out.end(),
+             [](const auto& a, const auto& b) { return a->mac() < b->mac(); });
+   return out;
 }
 
 Ptr<ClientLease> LeaseTable::macToLeaseIs(EthAddr mac, IntfId intfId) {

@@ -1,10 +1,14 @@
 // The agent's in-memory index of the leases it holds, organised so that each
-// question the state machines ask is one lookup: the leases of a MAC, the
-// client of an IP, the clients of a server, the clients on an interface.
+// question the state machines ask as leases come and go is one lookup: the
+// leases of a MAC, the client of an IP, the clients on an interface. (The
+// clients of a server are asked for only when the server leaves the
+// configuration, and are found by a walk.)
 //
 // The lease records are the persisted IpMacLease entities themselves; the
 // table holds Ptrs to them, never copies. Only LeaseTableSm writes it.
 #pragma once
+
+#include <iterator>
 
 #include "model/TavrinTypes.h"
 #include "rt/FlatTable.h"
@@ -12,26 +16,7 @@
 
 namespace Tavrin {
 
-// One client's leases from one server.
-class DhcpLeaseSet : public Rt::EntityBase {
- public:
-   using LeaseSet = Rt::SmallSet<Ptr<IpMacLease>>;
-   explicit DhcpLeaseSet(const IpGenAddr& dhcpAddr) : dhcpAddr_(dhcpAddr) {}
-
-   const IpGenAddr& dhcpAddr() const { return dhcpAddr_; }
-   bool ipMacLeaseHas(const Ptr<IpMacLease>& l) const { return lease_.count(l) != 0; }
-   const LeaseSet& ipMacLeaseAll() const { return lease_; }
-   size_t ipMacLeaseSize() const { return lease_.size(); }
-   void ipMacLeaseIs(const Ptr<IpMacLease>& l) { lease_.insert(l); }
-   void ipMacLeaseDel(const Ptr<IpMacLease>& l) { lease_.erase(l); }
-   Seconds newestLastTransactionTime() const { return newest_; }
-   void newestLastTransactionTimeIs(Seconds t) { newest_ = t; }
-
- private:
-   IpGenAddr dhcpAddr_;
-   LeaseSet lease_;
-   Seconds newest_ = 0;
-};
+class DhcpLeaseSet;
 
 // Every lease of one client MAC, all applying on one interface.
 class ClientLease : public Rt::EntityBase {
@@ -44,7 +29,9 @@ class ClientLease : public Rt::EntityBase {
    void intfIdIs(IntfId i) { intfId_ = i; }
 
    using ByIp = Rt::SmallMap<IpGenAddr, Ptr<IpMacLease>>;
-   using ByServer = Rt::SmallMap<IpGenAddr, Ptr<DhcpLeaseSet>>;
+   // Each server the client holds a lease from, with the newest
+   // last-transaction time among those leases.
+   using ByServer = Rt::SmallMap<IpGenAddr, Seconds>;
 
    Ptr<IpMacLease> ipMacLeaseByIp(const IpGenAddr& ip) const { return Rt::mapFind(byIp_, ip); }
    const ByIp& ipMacLeaseByIpAll() const { return byIp_; }
@@ -53,10 +40,12 @@ class ClientLease : public Rt::EntityBase {
    // Returns the removed lease (empty when there was none).
    Ptr<IpMacLease> ipMacLeaseByIpDel(const IpGenAddr& ip);
 
-   Ptr<DhcpLeaseSet> dhcpLeaseSet(const IpGenAddr& s) const { return Rt::mapFind(dhcp_, s); }
+   // Empty when the client has no set of that server. Like a Ptr to an
+   // entity, the view writes through even when found from a const client.
+   inline DhcpLeaseSet dhcpLeaseSet(const IpGenAddr& s) const;
    const ByServer& dhcpLeaseSetAll() const { return dhcp_; }
    size_t dhcpLeaseSetSize() const { return dhcp_.size(); }
-   Ptr<DhcpLeaseSet> dhcpLeaseSetIs(const IpGenAddr& s);
+   inline DhcpLeaseSet dhcpLeaseSetIs(const IpGenAddr& s);
    void dhcpLeaseSetDel(const IpGenAddr& s) { dhcp_.erase(s); }
 
  private:
@@ -67,6 +56,93 @@ class ClientLease : public Rt::EntityBase {
    ByIp byIp_;
    ByServer dhcp_;
 };
+
+// One client's leases from one server. The leases are those of the client
+// that name the server (a lease knows its server), so the set is a view of
+// the client, not a record: a million clients would otherwise each pay for
+// a second copy of their leases. Its own state, the newest last-transaction
+// time, lives in the client, by server.
+//
+// A view holds on to the client's entry of the server: it is good until that
+// client's servers change.
+class DhcpLeaseSet {
+ public:
+   // The client's leases of the set's server, in the client's order.
+   class LeaseRange {
+    public:
+      class iterator {
+       public:
+         using value_type = Ptr<IpMacLease>;
+         using difference_type = std::ptrdiff_t;
+         iterator() = default;
+         iterator(const ClientLease::ByIp::value_type* at, const ClientLease::ByIp::value_type* end,
+                  const IpGenAddr* server)
+             : at_(at), end_(end), server_(server) {
+            skip();
+         }
+         const Ptr<IpMacLease>& operator*() const { return at_->second; }
+         const Ptr<IpMacLease>* operator->() const { return &at_->second; }
+         iterator& operator++() {
+            ++at_;
+            skip();
+            return *this;
+         }
+         iterator operator++(int) {
+            iterator old = *this;
+            ++*this;
+            return old;
+         }
+         bool operator==(const iterator& o) const { return at_ == o.at_; }
+
+       private:
+         void skip() {
+            while (at_ != end_ && !(at_->second->dhcpAddr() == *server_)) ++at_;
+         }
+         const ClientLease::ByIp::value_type* at_ = nullptr;
+         const ClientLease::ByIp::value_type* end_ = nullptr;
+         const IpGenAddr* server_ = nullptr;
+      };
+      LeaseRange(const ClientLease::ByIp& byIp, const IpGenAddr& server)
+          : byIp_(byIp), server_(server) {}
+      iterator begin() const { return {byIp_.begin(), byIp_.end(), &server_}; }
+      iterator end() const { return {byIp_.end(), byIp_.end(), &server_}; }
+      size_t size() const { return size_t(std::distance(begin(), end())); }
+
+    private:
+      const ClientLease::ByIp& byIp_;
+      const IpGenAddr& server_;
+   };
+
+   DhcpLeaseSet() = default;
+   DhcpLeaseSet(const ClientLease& client, ClientLease::ByServer::value_type& entry)
+       : client_(&client), entry_(&entry) {}
+
+   explicit operator bool() const { return entry_ != nullptr; }
+
+   const IpGenAddr& dhcpAddr() const { return entry_->first; }
+   LeaseRange ipMacLeaseAll() const { return {client_->ipMacLeaseByIpAll(), entry_->first}; }
+   size_t ipMacLeaseSize() const { return ipMacLeaseAll().size(); }
+   bool ipMacLeaseHas(const Ptr<IpMacLease>& l) const {
+      return l && l->dhcpAddr() == dhcpAddr() && client_->ipMacLeaseByIp(l->ip()) == l;
+   }
+   Seconds newestLastTransactionTime() const { return entry_->second; }
+   void newestLastTransactionTimeIs(Seconds t) { entry_->second = t; }
+
+ private:
+   const ClientLease* client_ = nullptr;
+   ClientLease::ByServer::value_type* entry_ = nullptr;
+};
+
+DhcpLeaseSet ClientLease::dhcpLeaseSet(const IpGenAddr& s) const {
+   auto it = dhcp_.find(s);
+   if (it == dhcp_.end()) return DhcpLeaseSet();
+   return DhcpLeaseSet(*this, const_cast<ByServer::value_type&>(*it));
+}
+
+DhcpLeaseSet ClientLease::dhcpLeaseSetIs(const IpGenAddr& s) {
+   // A new server starts with no newest time; the first lease sets it.
+   return DhcpLeaseSet(*this, *dhcp_.try_emplace(s, Seconds(0)).first);
+}
 
 // A set of client leases, keyed by the record itself.
 class ClientLeaseSet : public Rt::EntityBase {
@@ -82,8 +158,12 @@ class ClientLeaseSet : public Rt::EntityBase {
    Set client_;
 };
 
-// Every client that holds at least one lease from one server.
-class DhcpServerLeaseSet : public ClientLeaseSet {
+// One server the table knows, configured or still named by leases. Its
+// clients are not listed here: each client lists its servers, and the one
+// question by server (which clients lose their leases when it goes) comes
+// with a configuration change and walks the clients. A list of a million
+// clients kept for it would cost 16 bytes a lease and an insert per lease.
+class DhcpServerLeaseSet : public Rt::EntityBase {
  public:
    explicit DhcpServerLeaseSet(const IpGenAddr& dhcpAddr) : dhcpAddr_(dhcpAddr) {}
    const IpGenAddr& dhcpAddr() const { return dhcpAddr_; }
@@ -195,6 +275,8 @@ class LeaseTable : public Rt::EntityBase {
    }
    Ptr<DhcpServerLeaseSet> dhcpServerLeaseSetIs(const IpGenAddr& s);
    void dhcpServerLeaseSetDel(const IpGenAddr& s);
+   // The clients holding a lease from s, in MAC order.
+   std::vector<Ptr<ClientLease>> dhcpServerClientLeaseAll(const IpGenAddr& s) const;
 
    using ByMac = Rt::FlatMap<EthAddr, ClientLease>;
    using ByIp = LeasedIpIndex;

@@ -8,13 +8,17 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <utility>
 
 namespace Tavrin::Rt {
 
-// A vector that holds its first element in place.
+// A vector that holds its first element in place. The place doubles as the
+// pointer to the spilled elements, so a client's two small maps each cost
+// their element and eight bytes (and not sixteen): that keeps the client
+// record in a smaller heap block.
 template <class T>
 class SmallVec {
  public:
@@ -23,70 +27,83 @@ class SmallVec {
    SmallVec& operator=(const SmallVec&) = delete;
    ~SmallVec() {
       clear();
-      if (data_ != local()) ::operator delete(data_);
+      if (spilled()) ::operator delete(heap());
    }
 
    size_t size() const { return size_; }
    bool empty() const { return size_ == 0; }
-   T* begin() { return data_; }
-   T* end() { return data_ + size_; }
-   const T* begin() const { return data_; }
-   const T* end() const { return data_ + size_; }
-   T& operator[](size_t i) { return data_[i]; }
-   const T& operator[](size_t i) const { return data_[i]; }
+   T* begin() { return data(); }
+   T* end() { return data() + size_; }
+   const T* begin() const { return data(); }
+   const T* end() const { return data() + size_; }
+   T& operator[](size_t i) { return data()[i]; }
+   const T& operator[](size_t i) const { return data()[i]; }
 
    T* insert(T* pos, T v) {
-      size_t at = size_t(pos - data_);
+      size_t at = size_t(pos - data());
       if (size_ == capacity_) grow();
-      new (data_ + size_) T(std::move(v));
+      T* d = data();
+      new (d + size_) T(std::move(v));
       ++size_;
-      std::rotate(data_ + at, data_ + size_ - 1, data_ + size_);
-      return data_ + at;
+      std::rotate(d + at, d + size_ - 1, d + size_);
+      return d + at;
    }
    void push_back(T v) { insert(end(), std::move(v)); }
 
    T* erase(T* pos) {
-      std::move(pos + 1, end(), pos);
-      data_[--size_].~T();
+      T* d = data();
+      std::move(pos + 1, d + size_, pos);
+      d[--size_].~T();
       // Back to in-place storage once the spill is over, so that a client
       // that once had many leases does not keep the block forever.
-      if (size_ <= 1 && data_ != local()) {
-         const size_t at = size_t(pos - data_);
-         T* heap = data_;
-         data_ = local();
+      if (size_ <= 1 && spilled()) {
+         const size_t at = size_t(pos - d);
+         T* spill = d;
          if (size_ == 1) {
-            new (data_) T(std::move(heap[0]));
-            heap[0].~T();
+            new (local()) T(std::move(spill[0]));
+            spill[0].~T();
          }
-         ::operator delete(heap);
+         ::operator delete(spill);
          capacity_ = 1;
-         return data_ + at;
+         return local() + at;
       }
       return pos;
    }
 
    void clear() {
-      for (size_t i = 0; i < size_; ++i) data_[i].~T();
+      T* d = data();
+      for (size_t i = 0; i < size_; ++i) d[i].~T();
       size_ = 0;
    }
 
  private:
-   T* local() { return reinterpret_cast<T*>(&local_); }
+   // In place while the capacity is one; spilled blocks hold two or more.
+   bool spilled() const { return capacity_ > 1; }
+   T* local() { return std::launder(reinterpret_cast<T*>(place_)); }
+   const T* local() const { return std::launder(reinterpret_cast<const T*>(place_)); }
+   T* heap() const {
+      T* p;
+      std::memcpy(&p, place_, sizeof p);
+      return p;
+   }
+   T* data() { return spilled() ? heap() : local(); }
+   const T* data() const { return spilled() ? heap() : local(); }
 
    void grow() {
       uint32_t cap = capacity_ * 2;
-      T* heap = static_cast<T*>(::operator new(sizeof(T) * cap));
+      T* spill = static_cast<T*>(::operator new(sizeof(T) * cap));
+      T* d = data();
       for (size_t i = 0; i < size_; ++i) {
-         new (heap + i) T(std::move(data_[i]));
-         data_[i].~T();
+         new (spill + i) T(std::move(d[i]));
+         d[i].~T();
       }
-      if (data_ != local()) ::operator delete(data_);
-      data_ = heap;
+      if (spilled()) ::operator delete(d);
+      std::memcpy(place_, &spill, sizeof spill);
       capacity_ = cap;
    }
 
-   alignas(T) unsigned char local_[sizeof(T)];
-   T* data_ = local();
+   // The first element, or once spilled the pointer to all of them.
+   alignas(T) alignas(T*) unsigned char place_[std::max(sizeof(T), sizeof(T*))];
    uint32_t size_ = 0;
    uint32_t capacity_ = 1;
 };

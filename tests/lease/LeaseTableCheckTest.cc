@@ -17,15 +17,15 @@ TEST(LeaseTableCheck, findsEachKindOfBrokenIndex) {
    } cases[] = {
        {"an IP missing from ipToLease", [](LeaseHarness& h) { h.table->ipToLeaseDel(ip(10)); },
         "ipToLease 10.1.0.10"},
-       {"a dead record left in a server set",
-        [](LeaseHarness& h) {
-           auto dead = Rt::makePtr<IpMacLease>(LeaseKey{mac(1), ip(10), server(1)});
-           h.table->macToLease(mac(1))->dhcpLeaseSet(server(1))->ipMacLeaseIs(dead);
-        },
-        "keeps a dead lease"},
+       {"a client that no longer lists the server of its leases",
+        [](LeaseHarness& h) { h.table->macToLease(mac(1))->dhcpLeaseSetDel(server(1)); },
+        "missing from its server set"},
+       {"a server left listed in a client without leases from it",
+        [](LeaseHarness& h) { h.table->macToLease(mac(1))->dhcpLeaseSetIs(server(2)); },
+        "keeps an empty set"},
        {"a wrong newest time",
         [](LeaseHarness& h) {
-           h.table->macToLease(mac(1))->dhcpLeaseSet(server(1))->newestLastTransactionTimeIs(1);
+           h.table->macToLease(mac(1))->dhcpLeaseSet(server(1)).newestLastTransactionTimeIs(1);
         },
         "newest time"},
        {"a persisted lease deleted behind the table's back",
@@ -38,11 +38,9 @@ TEST(LeaseTableCheck, findsEachKindOfBrokenIndex) {
            h.leaseStatus->interfaceLeaseSet(eth1)->ipMacLeaseIs({mac(1), ip(99), server(1)});
         },
         "is not indexed"},
-       {"a client left in a server set it no longer belongs to",
-        [](LeaseHarness& h) {
-           h.table->dhcpServerLeaseSetIs(server(2))->clientLeaseIs(h.table->macToLease(mac(1)));
-        },
-        "without its leases"},
+       {"a server forgotten while clients hold its leases",
+        [](LeaseHarness& h) { h.table->dhcpServerLeaseSetDel(server(1)); },
+        "that the table does not know"},
        {"a client missing from its interface set",
         [](LeaseHarness& h) {
            h.table->interfaceClientLeaseSet(eth1)->clientLeaseDel(h.table->macToLease(mac(1)));

@@ -81,15 +81,27 @@ TEST(LeaseTable, macToLeaseIsFindsOrCreatesAndRefusesAnotherInterface) {
    EXPECT_EQ(table->macToLeaseAll().size(), 1u);
 }
 
-TEST(LeaseTable, childSetsAreFindOrCreateAndKeepTheirMembers) {
+TEST(LeaseTable, serverSetsAreFindOrCreateAndHoldTheClientsLeasesOfTheirServer) {
    auto table = Rt::makePtr<LeaseTable>(Rt::makePtr<LeaseStatus>());
    auto client = table->macToLeaseIs(kMac, kEth1);
    auto server = *IpGenAddr::parse("10.0.0.1");
+   auto other = *IpGenAddr::parse("10.0.0.2");
    auto lease = Rt::makePtr<IpMacLease>(LeaseKey{kMac, *IpGenAddr::parse("10.0.0.5"), server});
-   client->dhcpLeaseSetIs(server)->ipMacLeaseIs(lease);
+   auto fromOther = Rt::makePtr<IpMacLease>(LeaseKey{kMac, *IpGenAddr::parse("10.0.0.4"), other});
+   client->ipMacLeaseByIpIs(lease->ip(), lease);
+   client->ipMacLeaseByIpIs(fromOther->ip(), fromOther);
+   client->dhcpLeaseSetIs(server).newestLastTransactionTimeIs(7);
    auto again = client->dhcpLeaseSetIs(server);
-   EXPECT_TRUE(again->ipMacLeaseHas(lease));
+   EXPECT_EQ(again.newestLastTransactionTime(), 7);
+   EXPECT_TRUE(again.ipMacLeaseHas(lease));
+   EXPECT_FALSE(again.ipMacLeaseHas(fromOther));
+   EXPECT_EQ(again.ipMacLeaseSize(), 1u);
+   EXPECT_EQ(*again.ipMacLeaseAll().begin(), lease);
    EXPECT_EQ(client->dhcpLeaseSetSize(), 1u);
+   EXPECT_FALSE(client->dhcpLeaseSet(other));
+   // A lease that leaves the client leaves the set with it.
+   client->ipMacLeaseByIpDel(lease->ip());
+   EXPECT_EQ(client->dhcpLeaseSet(server).ipMacLeaseSize(), 0u);
 }
 
 TEST(LeaseTable, ipToLeaseMapsSeveralIpsToOneClientAndNotifiesPerIp) {
