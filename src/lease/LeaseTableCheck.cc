@@ -92,9 +92,9 @@ class Checker {
             fail("client ", client->mac(), " server ", server, " newest time ",
                  set.newestLastTransactionTime(), " but its newest lease has ", newest);
          }
-         if (!in(table_.dhcpServerLeaseSetAll(), server)) {
-            fail("client ", client->mac(), " holds leases of server ", server,
-                 " that the table does not know");
+         auto serverSet = in(table_.dhcpServerLeaseSetAll(), server);
+         if (!serverSet || !serverSet->clientLeaseHas(client)) {
+            fail("client ", client->mac(), " missing from the client set of server ", server);
          }
       }
    }
@@ -114,6 +114,14 @@ class Checker {
    void checkServerSets() {
       for (const auto& [server, set] : table_.dhcpServerLeaseSetAll()) {
          if (set->dhcpAddr() != server) fail("server set of ", set->dhcpAddr(), " under ", server);
+         for (const auto& client : set->clientLeaseAll()) {
+            if (in(table_.macToLeaseAll(), client->mac()) != client.get()) {
+               fail("server ", server, " lists a dead client ", client->mac());
+            }
+            if (!client->dhcpLeaseSet(server)) {
+               fail("server ", server, " lists client ", client->mac(), " without its leases");
+            }
+         }
       }
    }
 

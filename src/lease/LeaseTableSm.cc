@@ -368,7 +368,7 @@ void LeaseTableSm::addLeaseFromStateStore(Ptr<IpMacLease> lease, IntfId intf) {
    // from the client by now.)
    bool first = clientLease->dhcpLeaseSetIs(lease->dhcpAddr()).ipMacLeaseSize() == 1;
    leaseTable_->ipToLeaseIs(lease->ip(), clientLease);
-   leaseTable_->dhcpServerLeaseSetIs(lease->dhcpAddr());
+   leaseTable_->dhcpServerLeaseSetIs(lease->dhcpAddr())->clientLeaseIs(clientLease);
    leaseTable_->interfaceClientLeaseSetIs(intf)->clientLeaseIs(clientLease);
    // Looked up again: a view does not survive a change to the client's
    // servers, and the calls above run other machines.
@@ -423,6 +423,11 @@ void LeaseTableSm::removeLeaseByIp(IpGenAddr ip) {
       // The lease has left the client, and with it the set.
       if (dhcpLeaseSet.ipMacLeaseSize() == 0) {
          owner->dhcpLeaseSetDel(dhcpServer);
+         // The server set lists the clients holding a lease from the server;
+         // this one holds none now, whatever else it holds.
+         if (auto serverSet = leaseTable_->dhcpServerLeaseSet(dhcpServer)) {
+            serverSet->clientLeaseDel(owner);
+         }
       } else {
          if (dhcpLeaseSet.newestLastTransactionTime() == lease->lastTransactionTime()) {
             Seconds newest = 0;
@@ -439,6 +444,9 @@ void LeaseTableSm::removeLeaseByIp(IpGenAddr ip) {
       dropClientIfCurrent(*leaseTable_, owner);
       if (auto intfSet = leaseTable_->interfaceClientLeaseSet(owner->intfId())) {
          intfSet->clientLeaseDel(owner);
+      }
+      if (auto serverSet = leaseTable_->dhcpServerLeaseSet(dhcpServer)) {
+         serverSet->clientLeaseDel(owner);
       }
       TAVRIN_TRACE(leaseTrace(), 4, "Deleting ClientLease for mac:" << owner->mac());
    }
@@ -471,17 +479,19 @@ void LeaseTableSm::removeLeaseByMac(EthAddr mac, IpGenAddr dhcpServer) {
    auto clientLease = leaseTable_->macToLease(mac);
    if (!clientLease) return;
    removeDhcpFromClientLease(leaseTable_, clientLease, dhcpServer);
+   if (auto serverSet = leaseTable_->dhcpServerLeaseSet(dhcpServer)) {
+      serverSet->clientLeaseDel(clientLease);
+   }
 }
 
 void LeaseTableSm::removeDhcpServer(IpGenAddr dhcpServer) {
    TAVRIN_TRACE(leaseTrace(), 4, "DHCP server: " << dhcpServer);
    auto serverSet = leaseTable_->dhcpServerLeaseSet(dhcpServer);
-   // Taken before the set goes, as when the set listed its clients.
-   std::vector<Ptr<ClientLease>> clients;
-   if (serverSet) clients = leaseTable_->dhcpServerClientLeaseAll(dhcpServer);
    leaseTable_->dhcpServerLeaseSetDel(dhcpServer);
-   TAVRIN_TRACE(leaseTrace(), 4, "Removing " << clients.size() << " ClientLeases");
-   for (const auto& clientLease : clients) {
+   size_t count = serverSet ? serverSet->clientLeaseSize() : 0;
+   TAVRIN_TRACE(leaseTrace(), 4, "Removing " << count << " ClientLeases");
+   if (!serverSet) return;
+   for (const auto& clientLease : byMacOrder(*serverSet)) {
       removeDhcpFromClientLease(leaseTable_, clientLease, dhcpServer);
    }
 }
@@ -536,10 +546,11 @@ void delClientLeaseInternals(const Ptr<LeaseTable>& leaseTable,
       TAVRIN_TRACE(leaseTrace(), 4, "Removing ip:" << lease->ip());
       if (leaseTable->ipToLease(lease->ip()) == clientLease) leaseTable->ipToLeaseDel(lease->ip());
    }
-   // No server keeps a list of its clients: the client leaves them by
-   // leaving the table, and only the trace of each is left to write.
    for (const auto& [dhcpServer, newest] : clientLease->dhcpLeaseSetAll()) {
       TAVRIN_TRACE(leaseTrace(), 4, "Removing clientLease from DHCP server:" << dhcpServer);
+      if (auto serverSet = leaseTable->dhcpServerLeaseSet(dhcpServer)) {
+         serverSet->clientLeaseDel(clientLease);
+      }
    }
 }
 

@@ -1,7 +1,5 @@
 #include "model/LeaseTable.h"
 
-#include <algorithm>
-
 namespace Tavrin {
 
 // A million clients each have one: 120 bytes make a 128-byte heap block.
@@ -41,16 +39,6 @@ Ptr<DhcpServerLeaseSet> LeaseTable::dhcpServerLeaseSetIs(const IpGenAddr& s) {
 void LeaseTable::dhcpServerLeaseSetDel(const IpGenAddr& server) {
    IpGenAddr s = server;
    if (server_.erase(s)) notify<Notifiee>([&s](Notifiee& n) { n.onDhcpServerLeaseSet(s); });
-}
-
-std::vector<Ptr<ClientLease>> LeaseTable::dhcpServerClientLeaseAll(const IpGenAddr& s) const {
-   std::vector<Ptr<ClientLease>> out;
-   for (const auto& [mac, client] : mac_) {
-      if (client->dhcpLeaseSet(s)) out.push_back(client);
-   }
-   std::sort(out.begin(), out.end(),
-             [](const auto& a, const auto& b) { return a->mac() < b->mac(); });
-   return out;
 }
 
 Ptr<ClientLease> LeaseTable::macToLeaseIs(EthAddr mac, IntfId intfId) {

@@ -1,8 +1,6 @@
 // The agent's in-memory index of the leases it holds, organised so that each
-// question the state machines ask as leases come and go is one lookup: the
-// leases of a MAC, the client of an IP, the clients on an interface. (The
-// clients of a server are asked for only when the server leaves the
-// configuration, and are found by a walk.)
+// question the state machines ask is one lookup: the leases of a MAC, the
+// client of an IP, the clients of a server, the clients on an interface.
 //
 // The lease records are the persisted IpMacLease entities themselves; the
 // table holds Ptrs to them, never copies. Only LeaseTableSm writes it.
@@ -40,8 +38,9 @@ class ClientLease : public Rt::EntityBase {
    // Returns the removed lease (empty when there was none).
    Ptr<IpMacLease> ipMacLeaseByIpDel(const IpGenAddr& ip);
 
-   // Empty when the client has no set of that server. Like a Ptr to an
-   // entity, the view writes through even when found from a const client.
+   // Empty when the client has no set of that server.
+   // As the records the sets once were, a set found through a read-only
+   // client may still be written.
    inline DhcpLeaseSet dhcpLeaseSet(const IpGenAddr& s) const;
    const ByServer& dhcpLeaseSetAll() const { return dhcp_; }
    size_t dhcpLeaseSetSize() const { return dhcp_.size(); }
@@ -158,12 +157,8 @@ class ClientLeaseSet : public Rt::EntityBase {
    Set client_;
 };
 
-// One server the table knows, configured or still named by leases. Its
-// clients are not listed here: each client lists its servers, and the one
-// question by server (which clients lose their leases when it goes) comes
-// with a configuration change and walks the clients. A list of a million
-// clients kept for it would cost 16 bytes a lease and an insert per lease.
-class DhcpServerLeaseSet : public Rt::EntityBase {
+// Every client that holds at least one lease from one server.
+class DhcpServerLeaseSet : public ClientLeaseSet {
  public:
    explicit DhcpServerLeaseSet(const IpGenAddr& dhcpAddr) : dhcpAddr_(dhcpAddr) {}
    const IpGenAddr& dhcpAddr() const { return dhcpAddr_; }
@@ -275,8 +270,6 @@ class LeaseTable : public Rt::EntityBase {
    }
    Ptr<DhcpServerLeaseSet> dhcpServerLeaseSetIs(const IpGenAddr& s);
    void dhcpServerLeaseSetDel(const IpGenAddr& s);
-   // The clients holding a lease from s, in MAC order.
-   std::vector<Ptr<ClientLease>> dhcpServerClientLeaseAll(const IpGenAddr& s) const;
 
    using ByMac = Rt::FlatMap<EthAddr, ClientLease>;
    using ByIp = LeasedIpIndex;

@@ -38,9 +38,11 @@ TEST(LeaseTableCheck, findsEachKindOfBrokenIndex) {
            h.leaseStatus->interfaceLeaseSet(eth1)->ipMacLeaseIs({mac(1), ip(99), server(1)});
         },
         "is not indexed"},
-       {"a server forgotten while clients hold its leases",
-        [](LeaseHarness& h) { h.table->dhcpServerLeaseSetDel(server(1)); },
-        "that the table does not know"},
+       {"a client left in a server set it no longer belongs to",
+        [](LeaseHarness& h) {
+           h.table->dhcpServerLeaseSetIs(server(2))->clientLeaseIs(h.table->macToLease(mac(1)));
+        },
+        "without its leases"},
        {"a client missing from its interface set",
         [](LeaseHarness& h) {
            h.table->interfaceClientLeaseSet(eth1)->clientLeaseDel(h.table->macToLease(mac(1)));
