@@ -177,64 +177,89 @@ class InterfaceClientLeaseSet : public ClientLeaseSet {
    IntfId intfId_;
 };
 
-// The leased IPs, each with the client that holds it. The slot also keeps
-// the client's MAC (it fits in the padding), so that the trapped-frame check
-// is answered from the slot alone, with no visit to the client record.
+// The leased IPs, each with the MAC of the client that holds it: the
+// trapped-frame check is answered from the slot alone, and the client is one
+// more probe, of the clients by MAC. A slot is 23 bytes, with no pointer: at
+// a million leases the index is the table's largest, and a pointer per slot
+// would cost a third more memory and cache. An unused slot has no address
+// family; the empty address is filed as 0.0.0.0, which it equals.
 class LeasedIpIndex {
    struct Slot {
       IpGenAddr ip;
       EthAddr mac;
-      Ptr<ClientLease> client;
    };
    struct Traits {
       using Slot = LeasedIpIndex::Slot;
       using Key = IpGenAddr;
-      static bool used(const Slot& s) { return bool(s.client); }
+      static bool used(const Slot& s) { return !s.ip.isEmpty(); }
       static const IpGenAddr& key(const Slot& s) { return s.ip; }
       static size_t hash(const IpGenAddr& k) { return k.hash(); }
    };
    using Table = Rt::FlatTable<Traits>;
 
  public:
+   using Clients = Rt::FlatMap<EthAddr, ClientLease>;
    using key_type = IpGenAddr;
    using mapped_type = Ptr<ClientLease>;
 
-   struct AsPair {
-      std::pair<const IpGenAddr&, const Ptr<ClientLease>&> operator()(const Slot& s) const {
-         return {s.ip, s.client};
+   // Yields (IP, client) pairs, the client looked up by the slot's MAC.
+   class const_iterator {
+    public:
+      using iterator_category = std::forward_iterator_tag;
+      using difference_type = std::ptrdiff_t;
+      using value_type = std::pair<const IpGenAddr&, Ptr<ClientLease>>;
+      using reference = value_type;
+      const_iterator() = default;
+      const_iterator(Table::Iterator<const Slot> it, const Clients* clients)
+          : it_(it), clients_(clients) {}
+      value_type operator*() const {
+         const Slot& s = *it_;
+         return {s.ip, Ptr<ClientLease>(clients_->get(s.mac))};
       }
+      const_iterator& operator++() {
+         ++it_;
+         return *this;
+      }
+      bool operator==(const const_iterator& o) const { return it_ == o.it_; }
+
+    private:
+      Table::Iterator<const Slot> it_{};
+      const Clients* clients_ = nullptr;
    };
-   using const_iterator = Rt::ProjectingIterator<Table::Iterator<const Slot>, AsPair>;
    using iterator = const_iterator;
+
+   explicit LeasedIpIndex(const Clients& clients) : clients_(clients) {}
 
    size_t size() const { return t_.size(); }
    bool empty() const { return t_.empty(); }
    void reserve(size_t n) { t_.reserve(n); }
-   const_iterator begin() const { return const_iterator(t_.begin()); }
-   const_iterator end() const { return const_iterator(t_.end()); }
+   const_iterator begin() const { return {t_.begin(), &clients_}; }
+   const_iterator end() const { return {t_.end(), &clients_}; }
 
    ClientLease* get(const IpGenAddr& ip) const {
       const Slot* s = t_.findSlot(ip);
-      return s ? s->client.get() : nullptr;
+      return s ? clients_.get(s->mac) : nullptr;
    }
    bool pairHas(EthAddr mac, const IpGenAddr& ip) const {
       const Slot* s = t_.findSlot(ip);
       return s && s->mac == mac;
    }
    void prefetch(const IpGenAddr& ip) const { t_.prefetch(ip); }
-   // True when the member was added or changed.
+   // True when the member was added or changed. A MAC has one client, so
+   // the same MAC is the same holder.
    bool assign(const IpGenAddr& ip, const Ptr<ClientLease>& c) {
       Slot& s = t_.slotFor(ip);
-      if (s.client == c) return false;
-      if (!s.client) t_.filled();
-      s.ip = ip;
+      const bool fresh = !Traits::used(s);
+      if (!fresh && s.mac == c->mac()) return false;
+      if (fresh) t_.filled();
+      s.ip = ip.isEmpty() ? IpGenAddr(IpAddr()) : ip;
       s.mac = c->mac();
-      s.client = c;
       return true;
    }
    size_t erase(const IpGenAddr& ip) { return t_.eraseKey(ip); }
 
  private:
+   const Clients& clients_;
    Table t_;
 };
 
@@ -249,7 +274,8 @@ class LeaseTable : public Rt::EntityBase {
       virtual void onDhcpServerLeaseSet(const IpGenAddr&) {}
    };
 
-   explicit LeaseTable(Ptr<LeaseStatus> leaseStatus) : leaseStatus_(std::move(leaseStatus)) {}
+   explicit LeaseTable(Ptr<LeaseStatus> leaseStatus)
+       : leaseStatus_(std::move(leaseStatus)), ip_(mac_) {}
 
    const Ptr<LeaseStatus>& leaseStatus() const { return leaseStatus_; }
 

@@ -88,7 +88,7 @@ class FlatTable {
    void erase(Slot* s) {
       // Released only once the table is whole again: its destructor may
       // run code that reads the table.
-      Slot gone = std::move(*s);
+      [[maybe_unused]] Slot gone = std::move(*s);
       *s = Slot();
       size_t i = size_t(s - slots_.get());
       const size_t mask = capacity_ - 1;
