@@ -103,15 +103,17 @@ void LeaseTableShmTableSm::handleAllLeases() {
    } catch (const std::exception& e) {
       TAVRIN_TRACE(tavrinTrace(), 1, e.what());
    }
-   std::vector<IpGenAddr> ips;
-   ips.reserve(leaseTable_->ipToLeaseAll().size());
-   published_.reserve(ips.capacity());
-   status_->collectionSizeIs(ips.capacity());
-   for (const auto& [ip, clientLease] : leaseTable_->ipToLeaseAll()) ips.push_back(ip);
-   std::sort(ips.begin(), ips.end());
-   for (const auto& ip : ips) {
-      auto clientLease = leaseTable_->ipToLease(ip);
-      IpMacLeaseEntry entry{{clientLease->mac(), ip}, clientLease->intfId(), false};
+   std::vector<std::pair<IpGenAddr, EthAddr>> pairs;
+   pairs.reserve(leaseTable_->ipToLeaseAll().size());
+   published_.reserve(pairs.capacity());
+   status_->collectionSizeIs(pairs.capacity());
+   leaseTable_->ipToLeaseMacEach(
+       [&pairs](const IpGenAddr& ip, EthAddr mac) { pairs.emplace_back(ip, mac); });
+   std::sort(pairs.begin(), pairs.end(),
+             [](const auto& a, const auto& b) { return a.first < b.first; });
+   for (const auto& [ip, mac] : pairs) {
+      auto clientLease = leaseTable_->macToLease(mac);
+      IpMacLeaseEntry entry{{mac, ip}, clientLease->intfId(), false};
       TAVRIN_TRACE(tavrinTrace(), 4,
                    "Adding mac " << entry.key.mac << ", ip " << ip << ", intfId " << entry.intfId);
       status_->ipMacLeaseIs(entry);

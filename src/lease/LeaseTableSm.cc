@@ -146,11 +146,14 @@ void LeaseTableSm::rebuildInterface(IntfId intf) {
       return;
    }
    auto set = leaseStatus->interfaceLeaseSet(intf);
-   std::vector<Ptr<IpMacLease>> leases;
-   for (const auto& [key, lease] : set->ipMacLeaseAll()) leases.push_back(lease);
+   // Sorted with the keys beside the records: comparing through the
+   // pointers would miss the cache at every step with a million leases.
+   std::vector<std::pair<LeaseKey, Ptr<IpMacLease>>> leases;
+   leases.reserve(set->ipMacLeaseSize());
+   for (const auto& [key, lease] : set->ipMacLeaseAll()) leases.emplace_back(key, lease);
    std::sort(leases.begin(), leases.end(),
-             [](const auto& a, const auto& b) { return a->key() < b->key(); });
-   for (const auto& lease : leases) rebuildLease(lease, intf);
+             [](const auto& a, const auto& b) { return a.first < b.first; });
+   for (const auto& [key, lease] : leases) rebuildLease(lease, intf);
 }
 
 // The persisted status comes from outside this run (an earlier version, a

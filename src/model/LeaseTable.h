@@ -245,6 +245,12 @@ class LeasedIpIndex {
       return s && s->mac == mac;
    }
    void prefetch(const IpGenAddr& ip) const { t_.prefetch(ip); }
+   // Calls f(ip, mac) for every leased IP and its holder's MAC, without
+   // the lookup of the client that iterating pays per IP.
+   template <class F>
+   void forEachIpMac(F&& f) const {
+      for (const Slot& s : t_) f(s.ip, s.mac);
+   }
    // True when the member was added or changed. A MAC has one client, so
    // the same MAC is the same holder.
    bool assign(const IpGenAddr& ip, const Ptr<ClientLease>& c) {
@@ -317,6 +323,12 @@ class LeaseTable : public Rt::EntityBase {
 
    Ptr<ClientLease> ipToLease(const IpGenAddr& ip) const { return Ptr<ClientLease>(ip_.get(ip)); }
    const ByIp& ipToLeaseAll() const { return ip_; }
+   // f(ip, mac) for every leased IP: what a full walk needs, at one probe
+   // less per IP than iterating ipToLeaseAll.
+   template <class F>
+   void ipToLeaseMacEach(F&& f) const {
+      ip_.forEachIpMac(std::forward<F>(f));
+   }
    void ipToLeaseIs(const IpGenAddr& ip, const Ptr<ClientLease>& c);
    void ipToLeaseDel(const IpGenAddr& ip);
 
