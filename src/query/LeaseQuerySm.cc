@@ -65,8 +65,9 @@ Ptr<QueryContext> LeaseQuerySm::queryContext(const IpMacPair& pair) const {
 }
 
 Ptr<QueryContext> LeaseQuerySm::queryContextIs(const IpMacPair& pair) {
-   if (auto* existing = queryContext_.get(pair)) return Ptr<QueryContext>(existing);
-   return queryContext_.insert(Rt::makePtr<QueryContext>(pair));
+   // One probe: callers ask for a context they have just found absent.
+   auto [it, added] = queryContext_.try_emplace(pair, Rt::makePtr<QueryContext>(pair));
+   return it->second;
 }
 
 void LeaseQuerySm::queryContextDel(const IpMacPair& pair) { queryContext_.erase(pair); }
@@ -80,7 +81,8 @@ Ptr<TimerReactor> LeaseQuerySm::timerReactorIs(const IpMacPair& pair, LeaseQuery
                                                double sendTime) {
    if (auto existing = timerReactor(pair)) return existing;
    if (!scheduler) return nullptr;
-   return timerReactor_.insert(Rt::makePtr<TimerReactor>(pair, leaseQuerySm, scheduler, sendTime));
+   return timerReactor_.try_emplace(pair, Rt::makePtr<TimerReactor>(pair, leaseQuerySm, scheduler, sendTime))
+       .first->second;
 }
 
 void LeaseQuerySm::timerReactorDel(const IpMacPair& pair) {

@@ -48,17 +48,12 @@ class LeaseQuerySm : public Rt::RefCounted {
    const Ptr<Platform::UdpPam>& udpPam() const { return udpPam_; }
    bool initialized() const { return initialized_; }
 
-   // Keyed through each record's own pair. A start re-queries every client,
-   // so these hold a million entries at times: flat, and in no order
+   // A start re-queries every client, so these hold a million entries at
+   // times: flat, with the pair in the slot (a new query's lookup misses,
+   // and a miss compares every key of its probe run), in no order
    // (readers that show them sort).
-   struct PairOf {
-      template <class T>
-      const IpMacPair& operator()(const T& x) const {
-         return x.ipMacPair();
-      }
-   };
-   using QueryContextMap = Rt::FlatKeyedMap<QueryContext, PairOf>;
-   using TimerReactorMap = Rt::FlatKeyedMap<TimerReactor, PairOf>;
+   using QueryContextMap = Rt::FlatMap<IpMacPair, QueryContext>;
+   using TimerReactorMap = Rt::FlatMap<IpMacPair, TimerReactor>;
 
    // Queries in flight (read by the simulator's dump and the daemon's show).
    const QueryContextMap& queryContextAll() const { return queryContext_; }
