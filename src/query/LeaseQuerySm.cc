@@ -226,7 +226,8 @@ void LeaseQuerySm::handleTimer(IpMacPair ipMacPair) {
    auto timer = timerReactor(ipMacPair);
    if (ctx->sentCount() >= kMaxSendRounds) {
       // Copied: each report runs its readers before we go on.
-      const std::set<IpGenAddr> silent = ctx->pendingServerAll();
+      const std::vector<IpGenAddr> silent(ctx->pendingServerAll().begin(),
+                                          ctx->pendingServerAll().end());
       for (const auto& server : silent) notifyLeaseInvalid(ipMacPair, server);
       // A reader may have forced the same pair again; that query lives on.
       if (queryContext(ipMacPair) == ctx && ctx->sentCount() >= kMaxSendRounds) {

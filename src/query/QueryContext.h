@@ -1,11 +1,12 @@
 // One lease query in flight, keyed by the (IP, MAC) pair it asks about.
 #pragma once
 
+#include <algorithm>
 #include <optional>
-#include <set>
 #include <string>
 
 #include "rt/Entity.h"
+#include "rt/SmallMap.h"
 #include "rt/Types.h"
 
 namespace Tavrin {
@@ -43,11 +44,22 @@ class QueryContext : public Rt::RefCounted {
    void sentCountInc(uint8_t n) { sentCount_ = uint8_t(sentCount_ + n); }
    bool receivedValidLease() const { return receivedValidLease_; }
    void receivedValidLeaseIs(bool v) { receivedValidLease_ = v; }
-   // Ordered, so that a round goes to the servers in a stable order.
-   const std::set<IpGenAddr>& pendingServerAll() const { return pendingServer_; }
-   bool pendingServerHas(const IpGenAddr& s) const { return pendingServer_.count(s) != 0; }
-   void pendingServerIs(const IpGenAddr& s) { pendingServer_.insert(s); }
-   void pendingServerDel(const IpGenAddr& s) { pendingServer_.erase(s); }
+   // Sorted, so that a round goes to the servers in a stable order. A
+   // query nearly always waits on one server, held in place: a start makes
+   // a query per client, and a tree would allocate a node for each.
+   using ServerSet = Rt::SmallVec<IpGenAddr>;
+   const ServerSet& pendingServerAll() const { return pendingServer_; }
+   bool pendingServerHas(const IpGenAddr& s) const {
+      return std::binary_search(pendingServer_.begin(), pendingServer_.end(), s);
+   }
+   void pendingServerIs(const IpGenAddr& s) {
+      auto* at = std::lower_bound(pendingServer_.begin(), pendingServer_.end(), s);
+      if (at == pendingServer_.end() || !(*at == s)) pendingServer_.insert(at, s);
+   }
+   void pendingServerDel(const IpGenAddr& s) {
+      auto* at = std::lower_bound(pendingServer_.begin(), pendingServer_.end(), s);
+      if (at != pendingServer_.end() && *at == s) pendingServer_.erase(at);
+   }
    void pendingServerDelAll() { pendingServer_.clear(); }
 
  private:
@@ -56,7 +68,7 @@ class QueryContext : public Rt::RefCounted {
    IntfId intfId_;
    uint8_t sentCount_ = 0;
    bool receivedValidLease_ = false;
-   std::set<IpGenAddr> pendingServer_;
+   ServerSet pendingServer_;
 };
 
 }  // namespace Tavrin
