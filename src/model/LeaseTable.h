@@ -80,7 +80,6 @@ class DhcpLeaseSet {
             skip();
          }
          const Ptr<IpMacLease>& operator*() const { return at_->second; }
-         const Ptr<IpMacLease>* operator->() const { return &at_->second; }
          iterator& operator++() {
             ++at_;
             skip();
@@ -203,29 +202,13 @@ class LeasedIpIndex {
    using mapped_type = Ptr<ClientLease>;
 
    // Yields (IP, client) pairs, the client looked up by the slot's MAC.
-   class const_iterator {
-    public:
-      using iterator_category = std::forward_iterator_tag;
-      using difference_type = std::ptrdiff_t;
-      using value_type = std::pair<const IpGenAddr&, Ptr<ClientLease>>;
-      using reference = value_type;
-      const_iterator() = default;
-      const_iterator(Table::Iterator<const Slot> it, const Clients* clients)
-          : it_(it), clients_(clients) {}
-      value_type operator*() const {
-         const Slot& s = *it_;
-         return {s.ip, Ptr<ClientLease>(clients_->get(s.mac))};
+   struct AsPair {
+      const Clients* clients = nullptr;
+      std::pair<const IpGenAddr&, Ptr<ClientLease>> operator()(const Slot& s) const {
+         return {s.ip, Ptr<ClientLease>(clients->get(s.mac))};
       }
-      const_iterator& operator++() {
-         ++it_;
-         return *this;
-      }
-      bool operator==(const const_iterator& o) const { return it_ == o.it_; }
-
-    private:
-      Table::Iterator<const Slot> it_{};
-      const Clients* clients_ = nullptr;
    };
+   using const_iterator = Rt::ProjectingIterator<Table::Iterator<const Slot>, AsPair>;
    using iterator = const_iterator;
 
    explicit LeasedIpIndex(const Clients& clients) : clients_(clients) {}
@@ -233,8 +216,8 @@ class LeasedIpIndex {
    size_t size() const { return t_.size(); }
    bool empty() const { return t_.empty(); }
    void reserve(size_t n) { t_.reserve(n); }
-   const_iterator begin() const { return {t_.begin(), &clients_}; }
-   const_iterator end() const { return {t_.end(), &clients_}; }
+   const_iterator begin() const { return const_iterator(t_.begin(), AsPair{&clients_}); }
+   const_iterator end() const { return const_iterator(t_.end(), AsPair{&clients_}); }
 
    ClientLease* get(const IpGenAddr& ip) const {
       const Slot* s = t_.findSlot(ip);

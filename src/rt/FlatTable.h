@@ -209,19 +209,20 @@ class FlatTable {
    unsigned shift_ = 64;
 };
 
-// Iterates It and yields Proj(element): how the keyed tables present their
-// records as (key, value) pairs without storing pairs.
+// Iterates It and yields proj(element): how the keyed tables present their
+// records as (key, value) pairs without storing pairs. A projection may
+// carry state (a table to look the value up in); an empty one costs nothing.
 template <class It, class Proj>
 class ProjectingIterator {
  public:
    using iterator_category = std::forward_iterator_tag;
    using difference_type = std::ptrdiff_t;
-   using value_type = decltype(Proj()(*std::declval<It>()));
+   using value_type = decltype(std::declval<const Proj&>()(*std::declval<It>()));
    using reference = value_type;
 
    ProjectingIterator() = default;
-   explicit ProjectingIterator(It it) : it_(it) {}
-   value_type operator*() const { return Proj()(*it_); }
+   explicit ProjectingIterator(It it, Proj proj = Proj()) : it_(it), proj_(proj) {}
+   value_type operator*() const { return proj_(*it_); }
    ProjectingIterator& operator++() {
       ++it_;
       return *this;
@@ -230,6 +231,7 @@ class ProjectingIterator {
 
  private:
    It it_{};
+   [[no_unique_address]] Proj proj_{};
 };
 
 template <class K, class T, class Hash>
